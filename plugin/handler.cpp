@@ -1,0 +1,71 @@
+#include "plugin/handler.hpp"
+
+#include <chrono>
+#include <exception>
+
+#include "runtime/trace.hpp"
+#include "sdk/script_glue.hpp"
+
+namespace kix {
+namespace {
+thread_local const char* tContext = nullptr;
+}
+
+const char* current_context() noexcept { return tContext; }
+
+void fail(const std::string& message) { throw Error(message, tContext); }
+
+std::int64_t performance_counter() noexcept {
+    return std::chrono::steady_clock::now().time_since_epoch().count();
+}
+std::int64_t performance_frequency() noexcept {
+    using period = std::chrono::steady_clock::period;
+    return period::den / period::num;
+}
+
+Call::Call(const char* context) noexcept
+    : context_(context), previous_(tContext), start_(performance_counter()),
+      uncaught_(std::uncaught_exceptions()) {
+    tContext = context;
+}
+
+Call::~Call() {
+    if (std::uncaught_exceptions() > uncaught_) {
+        // Unwinding: the innermost failing call names the error; no ticks are added.
+        const char* pending = Gatan::PlugIn::TakeFailingContext();
+        Gatan::PlugIn::SetFailingContext(pending ? pending : context_);
+    } else {
+        DLLTraceAddCounter(context_, performance_counter() - start_);
+    }
+    tContext = previous_;
+}
+
+Image destination(const Image& dst, const Image& src) {
+    return dst.IsValid() ? dst : host::ImageClone(src);
+}
+
+void changed(const Image& img) { host::ImageDataChanged(img); }
+
+int data_type(const Image& img) { return host::GetDataType(img); }
+
+}  // namespace kix
+
+namespace vorn::dm {
+
+void view_type_error(int wanted, int actual) {
+    (void)actual;
+    if (is_complex_code(wanted)) kix::fail("Data type should be Complex.");
+    if (is_real_code(wanted)) kix::fail("Data type should be Real.");
+    kix::fail("Invalid data type.");
+}
+
+void require_contiguous_error() { kix::fail("Pixels should be contiguous."); }
+void require_same_size_error() { kix::fail("Images of different size cannot appear in this function."); }
+
+void require_no_overlap(const void* a0, const void* a1, const void* b0, const void* b1) {
+    auto p = [](const void* q) { return reinterpret_cast<std::uintptr_t>(q); };
+    if (p(a0) == p(b0)) return;  // same region: in place
+    if (p(a0) < p(b1) && p(b0) < p(a1)) kix::fail("Subareas belonging to the same image cannot overlap.");
+}
+
+}  // namespace vorn::dm

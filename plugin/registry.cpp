@@ -1,0 +1,104 @@
+// The registry: how an entry reaches the host, the registration master's own
+// table, the filter-and-survey registrar, and the two registrar lists that
+// start-up deliberately never runs (their functions stay library functions).
+#include "plugin/registry.hpp"
+
+#include <deque>
+#include <mutex>
+#include <stdexcept>
+
+#include "plugin/handler.hpp"
+#include "plugin/registrars.hpp"
+#include "runtime/runtime.hpp"
+
+namespace kix {
+
+void add_functions(const std::string& prefix, std::span<const ScriptFunction> table) {
+    for (const ScriptFunction& f : table) {
+        std::string signature = f.result;
+        signature += prefix;
+        signature += f.prototype;
+        Gatan::PlugIn::AddFunction(signature, f.entry);
+    }
+}
+
+// ------------------------------------------------------ data-type helpers
+
+std::int32_t PadSizeDM(std::int32_t n) {
+    Call call("PadSizeDM");
+    if (n < 0) fail("Invalid image size.");
+    return static_cast<std::int32_t>(vorn::dm::PadSize(static_cast<std::uint32_t>(n)));
+}
+
+std::int32_t ToDMDataTypeDM(std::int32_t eType) {
+    Call call("ToDMDataTypeDM");
+    const unsigned long index = static_cast<unsigned long>(static_cast<long>(eType) + 1);
+    if (index >= 11) fail("Unknown data type.");
+    return vorn::dm::ToDMDataType(eType);
+}
+
+// --------------------------------------------------------------- registrars
+
+void RegisterFilterSurvey(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
+    static const ScriptFunction table[] = {
+        // FILTER-SURVEY ROWS (MovingAverage2DLL ... DiffVDLL, in registration order)
+        {nullptr, nullptr, nullptr},
+    };
+    add_functions(prefix, std::span(table, std::size(table) - 1));
+}
+
+void RegisterMaster(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
+    static const ScriptFunction table[] = {
+        {"void ", "SetNumThreads(long n)", entry<SetNumThreadsDM>()},
+        {"long ", "GetNumThreads()", entry<GetNumThreadsDM>()},
+        {"long ", "GetMaxThreads()", entry<GetMaxThreadsDM>()},
+        {"void ", "DLLTraceInit()", entry<DLLTraceInitDM>()},
+        {"TagGroup ", "DLLTraceGetCounter()", entry<DLLTraceGetCounterDM>()},
+        // MASTER ROWS (ShellExec ... LDivideDLL, in registration order)
+        {nullptr, nullptr, nullptr},
+    };
+    add_functions(prefix, std::span(table, std::size(table) - 1));
+}
+
+// ----------------------------------------------------- library-only lists
+
+namespace {
+
+std::vector<KixFunctionEntry> make_list(std::span<const ScriptFunction> table) {
+    std::vector<KixFunctionEntry> out;
+    static std::deque<std::string> texts;  // stable addresses for the module's lifetime
+    for (const ScriptFunction& f : table) {
+        if (f.result == nullptr) continue;
+        texts.push_back(std::string(f.result) + "KIX" + f.prototype);
+        out.push_back({texts.back().c_str(), f.entry});
+    }
+    return out;
+}
+
+}  // namespace
+
+const std::vector<KixFunctionEntry>& library_functions(int list) {
+    static std::once_flag once;
+    static std::vector<KixFunctionEntry> lists[2];
+    std::call_once(once, [] {
+        static const ScriptFunction larger[] = {
+            {"long ", "PadSize(long n)", entry<PadSizeDM>()},
+            {"long ", "ToDMDataType(long eType)", entry<ToDMDataTypeDM>()},
+            // LIBRARY ROWS (OpenImage ... TransposeYZ, in list order)
+            {"void ", "SetNumThreads(long n)", entry<SetNumThreadsDM>()},
+            {"long ", "GetNumThreads()", entry<GetNumThreadsDM>()},
+            {"long ", "GetMaxThreads()", entry<GetMaxThreadsDM>()},
+            {nullptr, nullptr, nullptr},
+        };
+        lists[0] = make_list(larger);
+        static const ScriptFunction single[] = {
+            // ONE-ENTRY LIST ROW (GetSpecialDirectory)
+            {nullptr, nullptr, nullptr},
+        };
+        lists[1] = make_list(single);
+    });
+    if (list < 0 || list > 1) throw std::out_of_range("no such registrar list");
+    return lists[list];
+}
+
+}  // namespace kix
