@@ -41,7 +41,9 @@ std::int32_t ToDMDataTypeDM(std::int32_t eType) {
 
 void RegisterFilterSurvey(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
     static const ScriptFunction table[] = {
-        // FILTER-SURVEY ROWS (MovingAverage2DLL ... DiffVDLL, in registration order)
+        // MovingAverage2DLL, MovingAverageDLL, MedianFilterDLL come here with the filters.
+        // SURVEY-DLL ROW (SurveyDLL)
+        // RadialSurveyDLL ... DiffVDLL come here with their families.
         {nullptr, nullptr, nullptr},
     };
     add_functions(prefix, std::span(table, std::size(table) - 1));
@@ -54,7 +56,9 @@ void RegisterMaster(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
         {"long ", "GetMaxThreads()", entry<GetMaxThreadsDM>()},
         {"void ", "DLLTraceInit()", entry<DLLTraceInitDM>()},
         {"TagGroup ", "DLLTraceGetCounter()", entry<DLLTraceGetCounterDM>()},
-        // MASTER ROWS (ShellExec ... LDivideDLL, in registration order)
+        // ShellExec, GetSpecialDirectory, CrossCorrelationMask come here with their families.
+        // MASTER SURVEY ROWS (Survey, Survey, SurveyDifference, Reduce, MinMax, Min, Max)
+        // SelectImageFiles ... LDivideDLL come here with their families.
         {nullptr, nullptr, nullptr},
     };
     add_functions(prefix, std::span(table, std::size(table) - 1));
@@ -84,7 +88,12 @@ const std::vector<KixFunctionEntry>& library_functions(int list) {
         static const ScriptFunction larger[] = {
             {"long ", "PadSize(long n)", entry<PadSizeDM>()},
             {"long ", "ToDMDataType(long eType)", entry<ToDMDataTypeDM>()},
-            // LIBRARY ROWS (OpenImage ... TransposeYZ, in list order)
+            // OpenImage comes here with the file import.
+            // LIBRARY ELEMENT-WISE ROWS (Polar, Polar, AbsArg, Abs, Exp2, Log2, Pow, CArg, Norm)
+            // MovingAverage ... MedianFilter come here with the filters.
+            // LIBRARY STATISTICS ROWS (NthElement, Median, MedianZ, Survey, Survey, SurveyDifference,
+            //                          MinMaxStable, MinMax, Min, Max)
+            // RadialSurvey ... TransposeYZ come here with their families.
             {"void ", "SetNumThreads(long n)", entry<SetNumThreadsDM>()},
             {"long ", "GetNumThreads()", entry<GetNumThreadsDM>()},
             {"long ", "GetMaxThreads()", entry<GetMaxThreadsDM>()},
