@@ -57,7 +57,7 @@ void RegisterMaster(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
         {"void ", "DLLTraceInit()", entry<DLLTraceInitDM>()},
         {"TagGroup ", "DLLTraceGetCounter()", entry<DLLTraceGetCounterDM>()},
         // ShellExec, GetSpecialDirectory, CrossCorrelationMask come here with their families.
-        // MASTER SURVEY ROWS (Survey, Survey, SurveyDifference, Reduce, MinMax, Min, Max)
+        // MASTER SURVEY ROWS (Survey with six parameters, SurveyDifference, Reduce, MinMax, Min, Max)
         // SelectImageFiles ... LDivideDLL come here with their families.
         {nullptr, nullptr, nullptr},
     };
