@@ -48,6 +48,17 @@ void changed(const Image& img) { host::ImageDataChanged(img); }
 
 int data_type(const Image& img) { return host::GetDataType(img); }
 
+Image new_image(const std::string& name, int code, std::initializer_list<std::int64_t> sizes) {
+    std::uint32_t dims[4];
+    std::uint32_t n = 0;
+    for (std::int64_t s : sizes) {
+        if (n == 4 || s <= 0 || s > std::int64_t(UINT32_MAX)) fail("Invalid image size.");
+        dims[n++] = static_cast<std::uint32_t>(s);
+    }
+    if (n == 0) fail("Invalid image size.");
+    return host::NewImage(String(name), static_cast<std::uint32_t>(code), n, dims);
+}
+
 }  // namespace kix
 
 namespace vorn::dm {

@@ -16,6 +16,7 @@
 
 #include <complex>
 #include <cstdint>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -76,6 +77,8 @@ Image destination(const Image& dst, const Image& src);
 void changed(const Image& img);
 // The host's pixel-type code of img.
 int data_type(const Image& img);
+// A new image of the host type `code` with up to four dimension sizes (x first).
+Image new_image(const std::string& name, int code, std::initializer_list<std::int64_t> sizes);
 
 // --------------------------------------------------------------- dispatch
 template <class... T>
