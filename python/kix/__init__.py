@@ -1,0 +1,57 @@
+"""kix from Python: the kix module loaded into the reference host.
+
+    import kix, numpy as np
+    h = kix.Host()                                   # loads the module, runs start-up
+    a = h.image(np.ones((4, 8), np.float32), name="a")
+    a.numpy()                                        # a view of the host's pixels
+    h.call("KIXGetVersion")                          # script functions by name
+    v, x, y, z = h.call("KIXMax", a, 0, 0, 0)        # by-reference values come back
+
+Shapes follow numpy: (W,), (H, W), (D, H, W), (T, D, H, W); x is the last axis.
+Pixel types: 1 int16, 2 float32, 3 complex64, 6 uint8, 7 int32, 9 int8,
+10 uint16, 11 uint32, 12 float64, 13 complex128, 14 bool.
+"""
+import os as _os
+
+import numpy as _np
+
+from ._kix import Image, Object, ReportedError, ScriptError
+from ._kix import Host as _Host
+
+__all__ = ["Host", "Image", "Object", "ReportedError", "ScriptError", "DTYPES", "module_path"]
+
+#: numpy dtype of each host pixel-type code.
+DTYPES = {1: _np.int16, 2: _np.float32, 3: _np.complex64, 6: _np.uint8, 7: _np.int32, 9: _np.int8,
+          10: _np.uint16, 11: _np.uint32, 12: _np.float64, 13: _np.complex128, 14: _np.bool_}
+
+
+def module_path():
+    """The kix module a Host loads by default: $KIX_MODULE, else the one beside this package."""
+    env = _os.environ.get("KIX_MODULE")
+    if env:
+        return env
+    here = _os.path.join(_os.path.dirname(__file__), "libkix.so")
+    return here if _os.path.exists(here) else ""
+
+
+class Host(_Host):
+    """A reference host with the kix module started.
+
+    Keyword options: module_path, host_version (packed, 3.10.0 is 0x030A0000),
+    register_floating_windows, error_manager, output_window, verbose.
+
+    call(name, *args): int -> long, float -> double, complex, bool, str, None -> the
+    null image, a kix image, a dict or list -> a tag group.  The result comes back
+    bare; with by-reference parameters the call returns (result, *final values), the
+    result left out for void functions.  Failures raise kix.ScriptError.
+    """
+
+    def __init__(self, *, module_path=None, **options):
+        super().__init__(module_path=module_path or globals()["module_path"](), **options)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.shutdown()
+        return False
