@@ -1,0 +1,421 @@
+"""The module's spine as Python sees it: registry, versions, threads, trace
+counters, the version gate, images as numpy arrays, call conventions and calls
+from several Python threads."""
+import ctypes
+import ctypes.util
+import gc
+import sys
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import kix
+from conftest import DTYPES, random_array
+
+FOUNDATION = [
+    "void KIXSetUseSIMD(long isUseSIMD)",
+    "long KIXGetVersion()",
+    "dm_string KIXGetVersionString()",
+    "long KIXGetMKLVersion()",
+    "dm_string KIXGetMKLVersionString()",
+    "void KIXSetNumThreads(long n)",
+    "long KIXGetNumThreads()",
+    "long KIXGetMaxThreads()",
+    "void KIXDLLTraceInit()",
+    "TagGroup KIXDLLTraceGetCounter()",
+]
+
+# Names the inactive registrar lists share with the active one; registered once.
+SHARED_WITH_LIBRARY = {"SetNumThreads", "GetNumThreads", "GetMaxThreads", "Survey", "SurveyDifference",
+                       "MinMax", "Min", "Max", "ShellExec", "GetSpecialDirectory", "SelectImageFiles"}
+
+
+def name_of(signature):
+    return signature.split("(", 1)[0].split()[-1]
+
+
+def is_subsequence(items, sequence):
+    it = iter(sequence)
+    return all(any(x == y for y in it) for x in items)
+
+
+# ----------------------------------------------------------------- registry
+
+def test_foundation_entries_registered_in_order(host):
+    sigs = host.signatures()
+    assert is_subsequence(FOUNDATION, sigs), [s for s in sigs if s in FOUNDATION]
+    assert len(sigs) == len(set(sigs)), "a signature registered twice"
+    assert all(name_of(s).startswith("KIX") for s in sigs)
+
+
+def test_library_only_functions_never_registered(host):
+    registered = {name_of(s) for s in host.signatures()}
+    library = host.library_signatures()
+    assert "long KIXPadSize(long n)" in library
+    assert "long KIXToDMDataType(long eType)" in library
+    for name in ("KIXPadSize", "KIXToDMDataType", "KIXGaussianBlur", "KIXPolar", "KIXMedian"):
+        assert name not in registered
+    # A library name may reach the registry only as one of the shared names,
+    # and then under the same text.
+    for sig in library:
+        if name_of(sig) in registered:
+            assert name_of(sig)[3:] in SHARED_WITH_LIBRARY, sig
+    only_library = [s for s in library if name_of(s) not in registered]
+    assert only_library and not set(only_library) & set(host.signatures())
+
+
+# ----------------------------------------------------------- versions, threads
+
+def test_versions(host):
+    assert host.call("KIXGetVersion") == 50331648 == 0x03000000
+    assert host.call("KIXGetVersionString") == "Kixutil 3.0.0.0 $Rev: 957 $"
+
+
+def test_math_library_version_is_fftw_packed():
+    # Read FFTW's own version text, independently of the module.
+    lib = ctypes.CDLL(ctypes.util.find_library("fftw3") or "libfftw3.so.3")
+    fftw = ctypes.c_char_p.in_dll(lib, "fftw_version").value.decode()  # "fftw-3.3.10"
+    major, minor, update = (int(x) for x in fftw.split("-", 1)[1].split(".")[:3])
+    h = kix.Host()
+    assert h.call("KIXGetMKLVersion") == (major << 24) | (minor << 16) | update
+    assert h.call("KIXGetMKLVersionString").startswith(fftw)
+
+
+def test_thread_counts(host):
+    before = host.call("KIXGetMaxThreads")
+    try:
+        for n in (2, 1, 3):
+            assert host.call("KIXSetNumThreads", n) is None
+            assert host.call("KIXGetMaxThreads") == n
+            assert host.call("KIXGetNumThreads") == 1  # asked outside any parallel region
+    finally:
+        host.call("KIXSetNumThreads", before)
+
+
+def test_simd_switch_accepts_both_settings(host):
+    assert host.call("KIXSetUseSIMD", 0) is None
+    assert host.call("KIXSetUseSIMD", 1) is None
+
+
+# ---------------------------------------------------------- trace counters
+
+def test_trace_counters_as_nested_dict(host):
+    host.call("KIXDLLTraceInit")
+    assert host.call("KIXDLLTraceGetCounter") == {}
+    for _ in range(3):
+        host.call("KIXGetVersion")
+    host.call("KIXGetMaxThreads")
+    counters = host.call("KIXDLLTraceGetCounter")
+    assert set(counters) == {"kix__GetVersionDM", "kix__GetMaxThreadsDM"}
+    assert counters["kix__GetVersionDM"]["Count"] == 3
+    assert counters["kix__GetMaxThreadsDM"]["Count"] == 1
+    for group in counters.values():
+        assert set(group) == {"Ticks", "Count"}
+        assert isinstance(group["Ticks"], float) and isinstance(group["Count"], int)
+        assert 0.0 <= group["Ticks"] < 1.0  # seconds, and these calls are short
+
+
+def test_start_up_counted_from_the_first_entry_point():
+    t0 = time.perf_counter()
+    h = kix.Host()
+    elapsed = time.perf_counter() - t0
+    start = h.call("KIXDLLTraceGetCounter")["PlugIn_Start"]
+    assert start["Count"] >= 1
+    assert 0.0 < start["Ticks"] <= elapsed * start["Count"]
+
+
+def test_start_up_without_floating_windows():
+    h = kix.Host(register_floating_windows=False)
+    assert is_subsequence(FOUNDATION, h.signatures())
+    assert h.call("KIXGetVersion") == 50331648
+    assert h.errors() == []
+
+
+def test_failing_library_call_raises_and_leaves_its_counter(host):
+    host.call("KIXDLLTraceInit")
+    assert host.library_call("KIXToDMDataType", 3) == 10
+    with pytest.raises(kix.ScriptError) as e:
+        host.library_call("KIXToDMDataType", 10)
+    assert str(e.value) == "Unknown data type."
+    assert e.value.context == "ToDMDataTypeDM"
+    assert host.call("KIXDLLTraceGetCounter")["ToDMDataTypeDM"]["Count"] == 1
+
+
+@pytest.mark.parametrize("etype, code", list(zip(range(-1, 10), [-1, 9, 6, 1, 10, 7, 11, 2, 12, 3, 13])))
+def test_to_dm_data_type_table(host, etype, code):
+    assert host.library_call("KIXToDMDataType", etype) == code
+
+
+@pytest.mark.parametrize("etype", [-2, 10, -2**31, 2**31 - 1])
+def test_to_dm_data_type_rejects(host, etype):
+    with pytest.raises(kix.ScriptError, match=r"^Unknown data type\.$"):
+        host.library_call("KIXToDMDataType", etype)
+
+
+def smooth(m):
+    """The 2-3-5-7-smooth value the padding rule builds from m, and its factor counts."""
+    if m == 0:
+        return 0, (0, 0, 0)
+    product, w, counts = 1, m, [0, 0, 0]
+    while True:
+        while w % 2 == 0:
+            w //= 2; product *= 2; counts[0] += 1
+        for i, p in ((1, 3), (2, 5), (None, 7)):
+            while w % p == 0:
+                w //= p; product *= p
+                if i is not None:
+                    counts[i] += 1
+        if w == 1:
+            return product, tuple(counts)
+        w += 1
+
+
+def pad_size(n):
+    best_m, best = n, (0, 0, 0)
+    for m in range(n, n + (n >> 4) + 1):
+        _, c = smooth(m)
+        if c[0] > best[0] or (c[0] == best[0] and (c[1] > best[1] or (c[1] == best[1] and best[2] <= c[2]))):
+            best_m, best = m, c
+    return smooth(best_m)[0]
+
+
+def test_pad_size_golden_and_reference(host):
+    golden = {0: 0, 1: 1, 16: 16, 100: 112, 11: 12, 13: 14}
+    for n, want in golden.items():
+        assert pad_size(n) == want
+        assert host.library_call("KIXPadSize", n) == want
+    for n in list(range(2, 600)) + [1023, 1025, 4097, 65521, 1000003]:
+        assert host.library_call("KIXPadSize", n) == pad_size(n), n
+
+
+# -------------------------------------------------------------- version gate
+
+def test_version_gate_refuses_old_host():
+    h = kix.Host(host_version=0x0309FFFF)
+    assert h.signatures() == []
+    [err] = [e for e in h.errors() if e.code == 28802]
+    assert err.message == "This plugin requires DM 3.10.0 or later."
+    with pytest.raises(kix.ScriptError):
+        h.call("KIXGetVersion")
+
+
+def test_version_gate_passes_3_10_0():
+    h = kix.Host(host_version=0x030A0000)
+    assert is_subsequence(FOUNDATION, h.signatures())
+    assert h.errors() == []
+
+
+# ------------------------------------------------------------ images and numpy
+
+SHAPES = [(7,), (3, 5), (2, 3, 4), (2, 3, 4, 5)]
+
+
+@pytest.mark.parametrize("code", sorted(DTYPES))
+@pytest.mark.parametrize("shape", SHAPES, ids=lambda s: "x".join(map(str, s)))
+def test_round_trip(host, rng, code, shape):
+    a = random_array(rng, shape, DTYPES[code])
+    img = host.image(a, name="rt")
+    assert img.data_type == code
+    assert img.shape == shape and img.ndim == len(shape) and img.name == "rt"
+    v = img.numpy()
+    assert v.dtype == np.dtype(DTYPES[code]) and v.shape == shape
+    np.testing.assert_array_equal(v, a)
+    np.testing.assert_array_equal(np.asarray(img), a)
+
+
+@pytest.mark.parametrize("make", [
+    lambda a: a[::2, ::-1],                         # strided and reversed
+    lambda a: np.asfortranarray(a),                 # column-major
+    lambda a: a.astype(a.dtype.newbyteorder()),     # swapped byte order
+    lambda a: a.T,
+], ids=["strided", "fortran", "byteswapped", "transposed"])
+def test_image_copies_any_layout(host, rng, make):
+    base = random_array(rng, (6, 9), np.float64)
+    a = make(base)
+    img = host.image(a)
+    assert img.shape == a.shape and img.data_type == 12
+    np.testing.assert_array_equal(img.numpy(), a)
+    v = img.numpy()
+    assert v.flags.c_contiguous
+    a_before = np.array(a)
+    v[...] = 0  # a copy: the source does not change
+    np.testing.assert_array_equal(a, a_before)
+
+
+def test_image_type_conversions_and_refusals(host):
+    img = host.image(np.arange(6).reshape(2, 3), data_type=2)  # int64 has no host type: ask for one
+    assert img.data_type == 2 and img.numpy().dtype == np.float32
+    np.testing.assert_array_equal(img.numpy(), np.arange(6).reshape(2, 3))
+    with pytest.raises(TypeError, match="int64"):
+        host.image(np.arange(6))
+    with pytest.raises(ValueError, match="dimensions"):
+        host.image(np.float32(1.0))
+    assert host.image([1.5, 2.5]).data_type == 12  # anything numpy takes
+
+
+def test_view_is_zero_copy_in_both_directions(host, rng):
+    img = host.image(random_array(rng, (4, 8), np.float32))
+    v1, v2 = img.numpy(), img.numpy()
+    assert v1.ctypes.data == v2.ctypes.data and v1.flags.writeable
+    v1[1, 2] = 42.0
+    assert v2[1, 2] == 42.0
+    # A subarea is laid out by the host over the same pixels.
+    sub = host.subarea(img, (1, 2), (2, 3))
+    assert sub.is_subarea and sub.shape == (2, 3)
+    assert sub.numpy()[0, 0] == 42.0
+    sub.numpy()[1, 2] = -7.0
+    assert v1[2, 4] == -7.0
+
+
+def test_subarea_views_follow_the_host_pitches(host, rng):
+    a = random_array(rng, (3, 6, 10), np.int16)
+    img = host.image(a)
+    sub = host.subarea(img, (1, 2, 3), (2, 3, 4))
+    s = sub.numpy()
+    np.testing.assert_array_equal(s, a[1:3, 2:5, 3:7])
+    assert s.strides == img.numpy().strides
+    assert not s.flags.c_contiguous
+    s *= 2  # in place through the view
+    np.testing.assert_array_equal(img.numpy()[1:3, 2:5, 3:7], a[1:3, 2:5, 3:7] * 2)
+    np.testing.assert_array_equal(img.numpy()[0], a[0])
+
+
+def test_view_keeps_the_image_alive(host, rng):
+    a = random_array(rng, (64, 64), np.float32)
+    img = host.image(a)
+    v = img.numpy()
+    del img
+    gc.collect()
+    # Freed blocks of equal size are reused: a new image would take this one.
+    others = [host.image(np.zeros((64, 64), np.float32)) for _ in range(4)]
+    np.testing.assert_array_equal(v, a)
+    assert all((o.numpy() == 0).all() for o in others)
+
+
+def test_new_image_of_every_code(host):
+    for code in list(DTYPES) + [23]:
+        img = host.new_image((3, 4), code, name="n")
+        assert img.data_type == code and img.shape == (3, 4)
+        assert not img.numpy().any()
+    five = host.new_image((2, 1, 2, 3, 4), 2)
+    assert five.ndim == 5
+
+
+def test_calibration_and_tags(host):
+    img = host.image(np.zeros((4, 5), np.float32))
+    assert len(img.calibrations) == 2
+    img.set_calibration(-1, origin=2.0, scale=0.5, units="nm")
+    img.set_calibration(0, scale=0.25, units="µm", displayed_calibrated=False)
+    x = img.calibrations[1]
+    assert (x["origin"], x["scale"], x["units"], x["displayed_calibrated"]) == (2.0, 0.5, "nm", True)
+    assert img.calibrations[0]["units"] == "µm" and not img.calibrations[0]["displayed_calibrated"]
+    with pytest.raises(IndexError):
+        img.set_calibration(2)
+    img.set_tag("Microscope Info:Voltage", 200000.0)
+    img.set_tag("Microscope Info:Name", "TEM")
+    assert img.tags["Microscope Info"] == {"Voltage": 200000.0, "Name": "TEM"}
+    img.name = "renamed"
+    assert img.name == "renamed" and "renamed" in repr(img)
+
+
+# ------------------------------------------------------------ call conventions
+
+@pytest.mark.parametrize("n", [5, np.int32(5), np.int64(5), np.uint8(5), True])
+def test_integer_arguments(host, n):
+    assert host.library_call("KIXPadSize", n) == pad_size(int(n))
+
+
+def test_no_matching_overload_names_the_function(host):
+    for args in [(1,), ("x",)]:
+        with pytest.raises(kix.ScriptError) as e:
+            host.call("KIXGetVersion", *args)
+        assert "KIXGetVersion" in str(e.value) and "long KIXGetVersion()" in str(e.value)
+    with pytest.raises(kix.ScriptError) as e:
+        host.call("KIXSetNumThreads", "two")
+    assert "void KIXSetNumThreads(long n)" in str(e.value)
+
+
+def test_unknown_function_and_unconvertible_arguments(host):
+    with pytest.raises(kix.ScriptError, match="KIXNoSuchFunction"):
+        host.call("KIXNoSuchFunction")
+    with pytest.raises(kix.ScriptError, match="KIXGetVersion"):
+        host.library_call("KIXGetVersion")  # a registered function is no library function
+    with pytest.raises(TypeError, match="h.image"):
+        host.call("KIXSetNumThreads", np.ones(3))
+    with pytest.raises(TypeError):
+        host.call("KIXSetNumThreads", object())
+    with pytest.raises(ValueError, match="too large"):
+        host.call("KIXSetNumThreads", 2**80)
+
+
+MAX_SIGNATURE = "double KIXMax(ImageRef imgSrc, long * nX, long * nY, long * nZ)"
+
+
+def test_by_reference_results(host, rng):
+    if MAX_SIGNATURE not in host.signatures():
+        pytest.skip("the survey family is not registered yet")
+    a = random_array(rng, (3, 4, 5), np.float32)
+    v, x, y, z = host.call("KIXMax", host.image(a), 0, 0, 0)
+    assert v == a.max()
+    assert a[z, y, x] == a.max()
+
+
+# ------------------------------------------------------------------ threads
+
+def test_parallel_calls_from_threads(host):
+    host.call("KIXDLLTraceInit")
+    n_threads, n_calls = 4, 300
+    failures = []
+
+    def work():
+        try:
+            for _ in range(n_calls):
+                assert host.call("KIXGetVersion") == 50331648
+                assert host.call("KIXGetVersionString") == "Kixutil 3.0.0.0 $Rev: 957 $"
+                assert host.library_call("KIXPadSize", 100) == 112
+            with pytest.raises(kix.ScriptError, match="Unknown data type."):
+                host.library_call("KIXToDMDataType", 11)
+        except BaseException as e:  # reported by the main thread
+            failures.append(e)
+
+    threads = [threading.Thread(target=work) for _ in range(n_threads)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert not failures, failures
+    counters = host.call("KIXDLLTraceGetCounter")
+    assert counters["kix__GetVersionDM"]["Count"] == n_threads * n_calls
+    assert counters["kix__GetVersionStringDM"]["Count"] == n_threads * n_calls
+    assert counters["PadSizeDM"]["Count"] == n_threads * n_calls
+    assert "ToDMDataTypeDM" not in counters
+
+
+def test_gil_released_during_a_call(host):
+    # KIXPadSize(n) scans n .. n + n/16: for n near 2^31 that takes a while.
+    # While it runs, the main thread must keep running Python code.
+    n = 2**31 - 1
+    t0 = time.perf_counter()
+    host.library_call("KIXPadSize", n)
+    duration = time.perf_counter() - t0
+    if duration < 0.05:
+        pytest.skip(f"KIXPadSize({n}) took only {duration * 1e3:.1f} ms")
+
+    old = sys.getswitchinterval()
+    sys.setswitchinterval(0.001)
+    try:
+        result = []
+        worker = threading.Thread(target=lambda: result.append(host.library_call("KIXPadSize", n)))
+        ticks = []
+        worker.start()
+        while worker.is_alive():
+            ticks.append(time.perf_counter())
+        worker.join()
+    finally:
+        sys.setswitchinterval(old)
+    assert result and result[0] >= n
+    gaps = np.diff(ticks) if len(ticks) > 1 else np.array([duration])
+    # Holding the GIL would stall this loop for the whole call.
+    assert gaps.max() < duration / 2, (gaps.max(), duration)
