@@ -5,6 +5,7 @@
 // calls script functions through their signature text.
 #pragma once
 
+#include <atomic>
 #include <complex>
 #include <cstdint>
 #include <memory>
@@ -14,6 +15,8 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+struct KixHostCallbacks;
 
 namespace kixhost {
 
@@ -92,6 +95,8 @@ public:
     std::vector<Calibration> calibrations;  // one per dimension
     Ref<TagGroup> tags;
     bool is_subarea = false;
+    std::atomic<std::int64_t> data_changed{0};  // calls of ImageDataChanged on this image
+    std::atomic<int> locks{0};                  // pixel-data locks held by the module now
 
     std::byte* data() const;
     std::int64_t count() const;  // number of pixels
@@ -165,6 +170,7 @@ struct HostOptions {
     bool error_manager = true;
     bool output_window = true;
     bool verbose = false;             // echo the output window to stdout
+    bool hand_over_callbacks = true;  // false: start the module without its callback table
 };
 
 class Host {
@@ -195,9 +201,18 @@ public:
     void* find_function(std::string_view prototype) const;
     void remove_host_function(std::string_view prototype);  // for tests of the missing path
 
-    // What the module reported and wrote.
+    // What the module reported and wrote.  errors() holds the reports made
+    // outside script calls (start-up and the other entry points); a report made
+    // during a script call becomes that call's ScriptError instead.
     const std::vector<ReportedError>& errors() const;
     std::string output() const;
+
+    // The callback table handed to the module, for code that links the module's
+    // objects and talks to this host directly (Gatan::PlugIn::SetCallbacks).
+    const KixHostCallbacks* callbacks() const;
+    const std::string& module_path() const;                // the module file that was loaded
+    std::pair<std::int32_t, std::int32_t> sdk_version() const;  // PlugInGetSDKVersion's answer
+    std::vector<std::string> custom_tools() const;          // names registered by RegisterCustomTool
 
     struct Impl;
     Impl& impl() { return *impl_; }
