@@ -1,0 +1,43 @@
+// The element-wise vector bodies compiled for AVX-512F (see vml/isa_body.inl).
+#include <immintrin.h>
+#include <sleef.h>
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "vml/simd.hpp"
+
+// GCC 12 warns inside its own _mm512_sqrt_pd (an undefined pass-through
+// operand); the warning is about the header, not this code.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+namespace kix::vml::simd {
+namespace avx512 {
+
+// Plain GCC vectors (the intrinsic types carry attributes that templates drop);
+// SLEEF and the intrinsics get their own types by a same-size cast.
+typedef float VF __attribute__((vector_size(64)));
+typedef double VD __attribute__((vector_size(64)));
+using NF = __m512;
+using ND = __m512d;
+#define KIX_WF 16
+#define KIX_WD 8
+#define KIX_ISA_SUFFIX avx512f
+inline VF vsqrt(VF x) { return VF(_mm512_sqrt_ps(NF(x))); }
+inline VD vsqrt(VD x) { return VD(_mm512_sqrt_pd(ND(x))); }
+// Streaming stores need the vector's alignment; the caller has aligned p.
+inline void put_stream(float* p, VF v) { _mm512_stream_ps(p, NF(v)); }
+inline void put_stream(double* p, VD v) { _mm512_stream_pd(p, ND(v)); }
+inline void fence() { _mm_sfence(); }
+
+#include "vml/isa_body.inl"
+
+}  // namespace avx512
+
+const Isa kAvx512 = {"AVX-512F", avx512::make_table<avx512::VF>(), avx512::make_table<avx512::VD>()};
+
+}  // namespace kix::vml::simd
