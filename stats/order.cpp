@@ -1,0 +1,413 @@
+// Order statistics of whole images and of z stacks.
+//
+// Whole images: small ones are copied and run through the shared quickselect;
+// large ones go through an exact radix selection that reads the image in
+// place.  Each pixel becomes an unsigned key whose order is the order of the
+// values (the sign bit flipped for positive values, all bits for negative
+// ones; every NaN the largest key).  A pass histograms the next 11 bits of the
+// keys that share the prefix found so far, and the bucket holding the wanted
+// rank extends the prefix.  Once few enough keys remain they are gathered and
+// the rest is found among them.  Any exact selection returns the same value.
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+#include <vector>
+
+#include "runtime/runtime.hpp"
+#include "stats/kernels.hpp"
+#include "stats/select.hpp"
+#include "stats/simd.hpp"
+
+namespace kix::stats {
+
+// ------------------------------------------------------ median network
+MedianNetwork median_network(std::int64_t n) {
+    // Batcher's merge exchange (Knuth, TAOCP 5.2.2, algorithm M) for any n.
+    std::vector<MedianNetwork::Exchange> all;
+    if (n > 1) {
+        int t = 0;
+        while ((std::int64_t(1) << t) < n) ++t;
+        for (std::int64_t p = std::int64_t(1) << (t - 1); p > 0; p >>= 1) {
+            std::int64_t q = std::int64_t(1) << (t - 1), r = 0, d = p;
+            for (;;) {
+                for (std::int64_t i = 0; i < n - d; ++i)
+                    if ((i & p) == r) all.push_back({std::uint32_t(i), std::uint32_t(i + d)});
+                if (q == p) break;
+                d = q - p;
+                q >>= 1;
+                r = p;
+            }
+        }
+    }
+    // Keep, walking backwards, the exchanges that a needed position depends on.
+    std::vector<char> needed(static_cast<std::size_t>(std::max<std::int64_t>(n, 1)), 0);
+    needed[n / 2] = 1;
+    if (n % 2 == 0 && n > 0) needed[n / 2 - 1] = 1;
+    MedianNetwork net;
+    net.n = n;
+    for (auto e = all.rbegin(); e != all.rend(); ++e) {
+        if (!needed[e->lo] && !needed[e->hi]) continue;
+        needed[e->lo] = needed[e->hi] = 1;
+        net.exchanges.push_back(*e);
+    }
+    std::reverse(net.exchanges.begin(), net.exchanges.end());
+    return net;
+}
+
+// -------------------------------------------------------------- storing
+template <class D, class S>
+D to_pixel(S v) {
+    if constexpr (std::is_floating_point_v<D>) {
+        return static_cast<D>(v);
+    } else {
+        if (std::isnan(v)) return D(0);
+        const double r = std::round(static_cast<double>(v));  // half away from zero
+        if (r <= static_cast<double>(std::numeric_limits<D>::lowest())) return std::numeric_limits<D>::lowest();
+        if (r >= static_cast<double>(std::numeric_limits<D>::max())) return std::numeric_limits<D>::max();
+        return static_cast<D>(r);
+    }
+}
+
+// ------------------------------------------------------------- median z
+namespace {
+
+template <class S>
+void median_z_row_generic(const S* src, std::int64_t nx, std::int64_t nz, std::int64_t ps, S* out) {
+    std::vector<S> work(static_cast<std::size_t>(nz));  // one work array for the row
+    for (std::int64_t x = 0; x < nx; ++x) {
+        bool nan = false;
+        for (std::int64_t z = 0; z < nz; ++z) {
+            const S v = src[z * ps + x];
+            nan |= std::isnan(v);
+            work[z] = v;
+        }
+        out[x] = nan ? std::numeric_limits<S>::quiet_NaN() : median(work.data(), std::size_t(nz));
+    }
+}
+
+template <class S>
+void median_z_row_vector(const S* src, std::int64_t nx, std::int64_t ps, const MedianNetwork& net, S* out) {
+    switch (isa_level()) {
+        case 3: return avx512::median_z_row(src, nx, ps, net, out);
+        case 2: return avx2::median_z_row(src, nx, ps, net, out);
+        default: return sse2::median_z_row(src, nx, ps, net, out);
+    }
+}
+
+template <class S, class D>
+void median_z_rows(const S* src, const Geometry& g, D* dst, std::int64_t drs, bool vectorised) {
+    const MedianNetwork net = vectorised ? median_network(g.nz) : MedianNetwork{};
+    const bool parallel = g.count() >= kParallelMin && g.ny > 1;
+#pragma omp parallel if (parallel)
+    {
+        std::vector<S> medians(std::is_same_v<S, D> ? 0 : static_cast<std::size_t>(g.nx));
+#pragma omp for schedule(static)
+        for (std::int64_t y = 0; y < g.ny; ++y) {
+            const S* row = src + y * g.row_stride;
+            D* out_row = dst + y * drs;
+            S* out;
+            if constexpr (std::is_same_v<S, D>)
+                out = out_row;
+            else
+                out = medians.data();
+            if (vectorised)
+                median_z_row_vector(row, g.nx, g.plane_stride, net, out);
+            else
+                median_z_row_generic(row, g.nx, g.nz, g.plane_stride, out);
+            if constexpr (!std::is_same_v<S, D>)
+                for (std::int64_t x = 0; x < g.nx; ++x) out_row[x] = to_pixel<D>(out[x]);
+        }
+    }
+}
+
+}  // namespace
+
+template <class S, class D>
+void median_z_generic(const S* src, const Geometry& g, D* dst, std::int64_t dst_row_stride) {
+    median_z_rows(src, g, dst, dst_row_stride, false);
+}
+
+template <class S, class D>
+void median_z(const S* src, const Geometry& g, D* dst, std::int64_t dst_row_stride) {
+    median_z_rows(src, g, dst, dst_row_stride, HasSSE2() && g.nz <= kNetworkMax);
+}
+
+// --------------------------------------------- whole image: quickselect
+namespace {
+
+// The pixels in scan order, NaNs moved behind the numbers; answers how many
+// numbers there are.
+template <class T>
+std::int64_t copy_numbers_first(const T* p, const Geometry& g, std::vector<T>& out) {
+    out.resize(static_cast<std::size_t>(g.count()));
+    std::int64_t front = 0, back = g.count();
+    for (std::int64_t z = 0; z < g.nz; ++z)
+        for (std::int64_t y = 0; y < g.ny; ++y) {
+            const T* row = p + z * g.plane_stride + y * g.row_stride;
+            for (std::int64_t x = 0; x < g.nx; ++x) {
+                if (std::isnan(row[x]))
+                    out[--back] = row[x];
+                else
+                    out[front++] = row[x];
+            }
+        }
+    return front;
+}
+
+}  // namespace
+
+template <class T>
+T nth_element_quickselect(const T* p, const Geometry& g, std::int64_t n) {
+    std::vector<T> values;
+    const std::int64_t numbers = copy_numbers_first(p, g, values);
+    if (n >= numbers) return std::numeric_limits<T>::quiet_NaN();
+    return select(values.data(), std::size_t(numbers), std::size_t(n));
+}
+
+template <class T>
+T median_quickselect(const T* p, const Geometry& g) {
+    std::vector<T> values;
+    const std::int64_t numbers = copy_numbers_first(p, g, values);
+    if (numbers < g.count()) return std::numeric_limits<T>::quiet_NaN();
+    return median(values.data(), values.size());
+}
+
+// --------------------------------------------------- whole image: radix
+namespace {
+
+template <class T>
+using Key = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+
+template <class T>
+inline Key<T> key_of(T v) {
+    using K = Key<T>;
+    constexpr K sign = K(1) << (8 * sizeof(K) - 1);
+    if (v != v) return ~K(0);
+    K bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return (bits & sign) ? ~bits : (bits | sign);
+}
+
+template <class T>
+inline T value_of(Key<T> k) {
+    using K = Key<T>;
+    constexpr K sign = K(1) << (8 * sizeof(K) - 1);
+    const K bits = (k & sign) ? (k & ~sign) : ~k;
+    T v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+}
+
+constexpr int kRadixBits = 11;
+constexpr std::int64_t kBuckets = std::int64_t(1) << kRadixBits;
+// Gather the remaining keys once no more than this share of the image is left.
+constexpr std::int64_t kGatherShare = 8;
+// Select among gathered keys directly below this many.
+constexpr std::int64_t kDirect = 1 << 14;
+
+// The key of rank r (0-based) among the pixels, and whether rank r + 1 holds
+// the same key; if not, next is rank r + 1's key when asked for.
+template <class T>
+struct RadixSelection {
+    Key<T> key;
+    bool has_next = false;
+    Key<T> next = 0;
+};
+
+template <class T>
+class RadixSelect {
+public:
+    using K = Key<T>;
+    static constexpr int kKeyBits = 8 * sizeof(K);
+
+    RadixSelect(const T* p, const Geometry& g) : p_(p), g_(g), pieces_(runs_of(g), g.count()) {}
+
+    // Whether the image may hold a NaN: its keys are the largest, so they land
+    // in the top bucket of the first pass (with +inf for double).  Known after
+    // the first run().
+    bool may_hold_nan() const { return top_bucket_ != 0; }
+
+    RadixSelection<T> run(std::int64_t r, bool want_next) {
+        std::int64_t below = 0;  // pixels whose key lies below the current prefix range
+        int fixed = 0;           // leading bits of the answer known
+        K prefix = 0;
+        std::vector<std::int64_t> hist(static_cast<std::size_t>(pieces_.slices * kBuckets));
+        for (;;) {
+            const int width = std::min(kRadixBits, kKeyBits - fixed);
+            const int shift = kKeyBits - fixed - width;
+            histogram(prefix, fixed, shift, width, hist);
+            std::int64_t b = 0, in_bucket = 0;
+            for (;; ++b) {
+                in_bucket = 0;
+                for (std::int64_t s = 0; s < pieces_.slices; ++s) in_bucket += hist[s * kBuckets + b];
+                if (r < below + in_bucket) break;
+                below += in_bucket;
+            }
+            prefix |= K(b) << shift;
+            fixed += width;
+            if (fixed == kKeyBits) {  // every bit known: the bucket holds copies of one key
+                RadixSelection<T> out{prefix};
+                if (r + 1 < below + in_bucket) {
+                    out.has_next = true;
+                    out.next = prefix;
+                } else if (want_next) {
+                    next_above(prefix, out);
+                }
+                return out;
+            }
+            if (in_bucket <= std::max(kDirect, g_.count() / kGatherShare)) {
+                std::vector<K> keys = gather(prefix, fixed, b, hist, in_bucket);
+                return finish(keys, r - below, want_next);
+            }
+        }
+    }
+
+private:
+    // Per slice: how many keys with the given leading bits fall in each bucket of the next bits.
+    void histogram(K prefix, int fixed, int shift, int width, std::vector<std::int64_t>& hist) {
+        std::fill(hist.begin(), hist.end(), 0);
+        const K mask = K(kBuckets - 1) >> (kRadixBits - width);
+        const int drop = kKeyBits - fixed;
+#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+            std::int64_t* h = hist.data() + s * kBuckets;
+            if (fixed == 0)
+                for_keys(s, [&](K k) { ++h[k >> shift]; });
+            else
+                for_keys(s, [&](K k) {
+                    if ((k >> drop) == (prefix >> drop)) ++h[(k >> shift) & mask];
+                });
+        }
+        if (fixed == 0 && top_bucket_ < 0) {
+            top_bucket_ = 0;
+            for (std::int64_t s = 0; s < pieces_.slices; ++s) top_bucket_ += hist[s * kBuckets + kBuckets - 1];
+        }
+    }
+
+    // The keys that share the (now longer) prefix, in slice order.
+    std::vector<K> gather(K prefix, int fixed, std::int64_t b, const std::vector<std::int64_t>& hist,
+                          std::int64_t total) const {
+        std::vector<K> keys(static_cast<std::size_t>(total));
+        std::vector<std::int64_t> start(static_cast<std::size_t>(pieces_.slices + 1), 0);
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) start[s + 1] = start[s] + hist[s * kBuckets + b];
+        const int drop = kKeyBits - fixed;
+#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+            K* out = keys.data() + start[s];
+            for_keys(s, [&](K k) {
+                if ((k >> drop) == (prefix >> drop)) *out++ = k;
+            });
+        }
+        return keys;
+    }
+
+    RadixSelection<T> finish(std::vector<K>& keys, std::int64_t r, bool want_next) const {
+        const auto kth = keys.begin() + r;
+        std::nth_element(keys.begin(), kth, keys.end());
+        RadixSelection<T> out{*kth};
+        if (kth + 1 != keys.end()) {
+            // The next rank lies among the gathered keys: all others are larger.
+            out.has_next = true;
+            out.next = *std::min_element(kth + 1, keys.end());
+        } else if (want_next) {
+            next_above(out.key, out);
+        }
+        return out;
+    }
+
+    // The smallest key above `key` in the whole image (if any).
+    void next_above(K key, RadixSelection<T>& out) const {
+        std::vector<K> best(static_cast<std::size_t>(pieces_.slices), ~K(0));
+        std::vector<char> found(static_cast<std::size_t>(pieces_.slices), 0);
+#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+            K m = ~K(0);
+            bool any = false;
+            for_keys(s, [&](K k) {
+                if (k > key && k <= m) {
+                    m = k;
+                    any = true;
+                }
+            });
+            best[s] = m;
+            found[s] = any;
+        }
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+            if (found[s] && (!out.has_next || best[s] < out.next)) {
+                out.has_next = true;
+                out.next = best[s];
+            }
+        }
+    }
+
+    template <class F>
+    void for_keys(std::int64_t s, F&& f) const {
+        for (std::int64_t q = pieces_.first(s); q < pieces_.last(s); ++q) {
+            const auto pc = pieces_.piece(q);
+            const T* row = p_ + pieces_.runs.offset(pc.run, g_);
+            for (std::int64_t i = pc.begin; i < pc.end; ++i) f(key_of(row[i]));
+        }
+    }
+
+    const T* p_;
+    Geometry g_;
+    Pieces pieces_;
+    std::int64_t top_bucket_ = -1;
+};
+
+constexpr std::int64_t kRadixMin = 1 << 15;
+
+}  // namespace
+
+template <class T>
+T nth_element(const T* p, const Geometry& g, std::int64_t n) {
+    if (g.count() < kRadixMin) return nth_element_quickselect(p, g, n);
+    return value_of<T>(RadixSelect<T>(p, g).run(n, false).key);
+}
+
+template <class T>
+T median(const T* p, const Geometry& g) {
+    const std::int64_t m = g.count();
+    if (m < kRadixMin) return median_quickselect(p, g);
+    RadixSelect<T> rs(p, g);
+    const RadixSelection<T> lower = rs.run((m - 1) / 2, m % 2 == 0);
+    if (rs.may_hold_nan()) {
+        const T top = value_of<T>(rs.run(m - 1, false).key);
+        if (std::isnan(top)) return top;
+    }
+    const T a = value_of<T>(lower.key);
+    if (m % 2 == 1) return a;
+    return (value_of<T>(lower.next) + a) * T(0.5);
+}
+
+// ------------------------------------------------------ instantiations
+#define KIX_REAL(T)                                                                      \
+    template T nth_element<T>(const T*, const Geometry&, std::int64_t);                  \
+    template T median<T>(const T*, const Geometry&);                                     \
+    template T nth_element_quickselect<T>(const T*, const Geometry&, std::int64_t);      \
+    template T median_quickselect<T>(const T*, const Geometry&);
+KIX_REAL(float)
+KIX_REAL(double)
+#undef KIX_REAL
+
+#define KIX_MEDIAN_Z(S, D)                                                                    \
+    template void median_z<S, D>(const S*, const Geometry&, D*, std::int64_t);                \
+    template void median_z_generic<S, D>(const S*, const Geometry&, D*, std::int64_t);        \
+    template D to_pixel<D, S>(S);
+#define KIX_MEDIAN_Z_INTO(D) KIX_MEDIAN_Z(float, D) KIX_MEDIAN_Z(double, D)
+KIX_MEDIAN_Z_INTO(std::int8_t)
+KIX_MEDIAN_Z_INTO(std::uint8_t)
+KIX_MEDIAN_Z_INTO(std::int16_t)
+KIX_MEDIAN_Z_INTO(std::uint16_t)
+KIX_MEDIAN_Z_INTO(std::int32_t)
+KIX_MEDIAN_Z_INTO(std::uint32_t)
+KIX_MEDIAN_Z_INTO(float)
+KIX_MEDIAN_Z_INTO(double)
+#undef KIX_MEDIAN_Z_INTO
+#undef KIX_MEDIAN_Z
+
+}  // namespace kix::stats
