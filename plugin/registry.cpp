@@ -10,6 +10,7 @@
 #include "plugin/handler.hpp"
 #include "plugin/registrars.hpp"
 #include "runtime/runtime.hpp"
+#include "stats/handlers.hpp"
 
 namespace kix {
 
@@ -43,6 +44,8 @@ void RegisterFilterSurvey(Gatan::PlugIn::PlugInMain&, const std::string& prefix)
     static const ScriptFunction table[] = {
         // MovingAverage2DLL, MovingAverageDLL, MedianFilterDLL come here with the filters.
         // SURVEY-DLL ROW (SurveyDLL)
+        {"void ", "SurveyDLL(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum )",
+         entry<static_cast<Survey4>(SurveyDM)>()},
         // RadialSurveyDLL ... DiffVDLL come here with their families.
         {nullptr, nullptr, nullptr},
     };
@@ -58,6 +61,20 @@ void RegisterMaster(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
         {"TagGroup ", "DLLTraceGetCounter()", entry<DLLTraceGetCounterDM>()},
         // ShellExec, GetSpecialDirectory, CrossCorrelationMask come here with their families.
         // MASTER SURVEY ROWS (Survey with six parameters, SurveyDifference, Reduce, MinMax, Min, Max)
+        {"void ",
+         "Survey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum, double * fSumAbs)",
+         entry<static_cast<Survey6>(SurveyDM)>()},
+        {"void ",
+         "SurveyDifference(ImageRef imgSrc1, ImageRef imgSrc2, double * fSum1, double * fSqSum1, double * fSum2, "
+         "double * fSqSum2, double * fSumDiff, double * fSumSqDiff, double * fSumAbsDiff)",
+         entry<SurveyDifferenceDM>()},
+        {"ImageRef ", "Reduce(ImageRef imgSrc)", entry<ReduceDM>()},
+        {"void ",
+         "MinMax(ImageRef imgSrc, long * nMinX, long * nMinY, long * nMinZ, double * fMin, long * nMaxX, "
+         "long * nMaxY, long * nMaxZ, double * fMax)",
+         entry<MinMaxDM>()},
+        {"double ", "Min(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MinDM>()},
+        {"double ", "Max(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MaxDM>()},
         // SelectImageFiles ... LDivideDLL come here with their families.
         {nullptr, nullptr, nullptr},
     };
@@ -93,6 +110,28 @@ const std::vector<KixFunctionEntry>& library_functions(int list) {
             // MovingAverage ... MedianFilter come here with the filters.
             // LIBRARY STATISTICS ROWS (NthElement, Median, MedianZ, Survey, Survey, SurveyDifference,
             //                          MinMaxStable, MinMax, Min, Max)
+            {"double ", "NthElement(ImageRef imgSrc, long n)", entry<NthElementDM>()},
+            {"double ", "Median(ImageRef imgSrc)", entry<MedianDM>()},
+            {"ImageRef ", "MedianZ(ImageRef imgSrc, ImageRef imgDst)", entry<MedianZDM>()},
+            {"void ",
+             "Survey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum, double * fSumAbs)",
+             entry<static_cast<Survey6>(SurveyDM)>()},
+            {"void ", "Survey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum)",
+             entry<static_cast<Survey4>(SurveyDM)>()},
+            {"void ",
+             "SurveyDifference(ImageRef imgSrc1, ImageRef imgSrc2, double * fSum1, double * fSqSum1, "
+             "double * fSum2, double * fSqSum2, double * fSumDiff, double * fSumSqDiff, double * fSumAbsDiff)",
+             entry<SurveyDifferenceDM>()},
+            {"void ",
+             "MinMaxStable(ImageRef imgSrc, long * nMinX, long * nMinY, long * nMinZ, double * fMin, "
+             "long * nMaxX, long * nMaxY, long * nMaxZ, double * fMax)",
+             entry<MinMaxStableDM>()},
+            {"void ",
+             "MinMax(ImageRef imgSrc, long * nMinX, long * nMinY, long * nMinZ, double * fMin, long * nMaxX, "
+             "long * nMaxY, long * nMaxZ, double * fMax)",
+             entry<MinMaxDM>()},
+            {"double ", "Min(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MinDM>()},
+            {"double ", "Max(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MaxDM>()},
             // RadialSurvey ... TransposeYZ come here with their families.
             {"void ", "SetNumThreads(long n)", entry<SetNumThreadsDM>()},
             {"long ", "GetNumThreads()", entry<GetNumThreadsDM>()},

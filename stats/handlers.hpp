@@ -20,6 +20,9 @@ namespace kix {
 // (also SurveyDLL) compute the sum of absolute values and drop it.
 void SurveyDM(const Image& src, double* fMin, double* fMax, double* fSum, double* fSqsum, double* fSumAbs);
 void SurveyDM(const Image& src, double* fMin, double* fMax, double* fSum, double* fSqsum);
+// The two overloads, for taking their addresses in registration tables.
+using Survey6 = void (*)(const Image&, double*, double*, double*, double*, double*);
+using Survey4 = void (*)(const Image&, double*, double*, double*, double*);
 
 void SurveyDifferenceDM(const Image& a, const Image& b, double* fSum1, double* fSqSum1, double* fSum2,
                         double* fSqSum2, double* fSumDiff, double* fSumSqDiff, double* fSumAbsDiff);
