@@ -1,0 +1,319 @@
+"""Survey family and order statistics as a script calls them, against numpy.
+
+Positions come back as x, y, z; numpy indexes [z, y, x].  By-reference
+arguments come back after the result.
+"""
+import itertools
+
+import numpy as np
+import pytest
+
+import kix
+from conftest import random_array
+
+REAL = [np.float32, np.float64]
+STORED = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
+CODES = {np.dtype(t): c for c, t in kix.DTYPES.items()}
+# Odd and even sizes, single rows and columns, 3-D, and one large enough for the threaded forms.
+SHAPES = [(1,), (2,), (3,), (7,), (31,), (64,), (127,), (129, 1), (1, 129), (3, 7), (31, 31), (64, 64),
+          (5, 127), (3, 5, 7), (4, 17, 33), (301, 1001)]
+ids = lambda s: "x".join(map(str, s))
+
+
+@pytest.fixture(params=[True, False], ids=["simd", "generic"])
+def simd(request, host):
+    host.call("KIXSetUseSIMD", int(request.param))
+    yield request.param
+    host.call("KIXSetUseSIMD", 1)
+
+
+def script_error(fn, *args):
+    with pytest.raises(kix.ScriptError) as e:
+        fn(*args)
+    return str(e.value), e.value.context
+
+
+def xyz(index, shape):
+    """numpy index of a flat position as x, y, z."""
+    idx = np.unravel_index(index, shape)
+    idx = (0,) * (3 - len(shape)) + tuple(int(i) for i in idx)
+    return idx[2], idx[1], idx[0]
+
+
+# ------------------------------------------------------------------ survey
+@pytest.mark.parametrize("shape", SHAPES, ids=ids)
+@pytest.mark.parametrize("dtype", STORED, ids=lambda t: np.dtype(t).name)
+def test_survey_matches_numpy(host, rng, simd, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    img = host.image(a)
+    v = a.astype(np.float64)
+    mn, mx, s, sq, sa = host.call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0)
+    assert (mn, mx) == (v.min(), v.max())
+    mag = np.abs(v).sum()
+    tol = 8 * v.size * np.finfo(np.float64).eps
+    assert s == pytest.approx(v.sum(), rel=tol, abs=tol * mag)
+    assert sq == pytest.approx((v * v).sum(), rel=tol)
+    assert sa == pytest.approx(mag, rel=tol)
+    # The four-output forms drop the sum of absolute values.
+    assert host.call("KIXSurveyDLL", img, 0.0, 0.0, 0.0, 0.0) == (mn, mx, s, sq)
+    assert host.library_call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0) == (mn, mx, s, sq)
+    np.testing.assert_array_equal(img.numpy(), a)
+
+
+def test_survey_generic_and_vector_agree(host, rng):
+    a = (rng.standard_normal((512, 777)) * 1e4).astype(np.float32)
+    img = host.image(a)
+    host.call("KIXSetUseSIMD", 0)
+    generic = host.call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0)
+    host.call("KIXSetUseSIMD", 1)
+    vector = host.call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0)
+    assert generic[:2] == vector[:2]  # extremes exactly
+    np.testing.assert_allclose(vector[2:], generic[2:], rtol=1e-11)
+
+
+@pytest.mark.parametrize("code", [3, 13, 14], ids=["complex64", "complex128", "binary"])
+def test_survey_refuses_types_without_a_kernel(host, code):
+    img = host.new_image((4, 4), code)
+    assert script_error(host.call, "KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0) == ("Invalid data type.", "SurveyDM")
+    assert script_error(host.call, "KIXSurveyDLL", img, 0.0, 0.0, 0.0, 0.0) == ("Invalid data type.", "SurveyDM")
+
+
+def test_survey_nan_is_skipped_by_extremes_and_spreads_into_sums(host, simd):
+    a = np.arange(100000, dtype=np.float32) - 500
+    a[70000] = np.nan
+    mn, mx, s, sq, sa = host.call("KIXSurvey", host.image(a), 0.0, 0.0, 0.0, 0.0, 0.0)
+    assert (mn, mx) == (-500.0, 99499.0)
+    assert np.isnan(s) and np.isnan(sq) and np.isnan(sa)
+
+
+# ------------------------------------------------------- survey difference
+@pytest.mark.parametrize("shape", [(7,), (31, 31), (3, 5, 7), (301, 1001)], ids=ids)
+@pytest.mark.parametrize("dtype", [np.int8, np.int16, np.float32, np.float64], ids=lambda t: np.dtype(t).name)
+def test_survey_difference_matches_numpy(host, rng, simd, dtype, shape):
+    a, b = random_array(rng, shape, dtype), random_array(rng, shape, dtype)
+    got = host.call("KIXSurveyDifference", host.image(a), host.image(b), *([0.0] * 7))
+    va, vb = a.astype(np.float64), b.astype(np.float64)
+    d = va - vb
+    want = [va.sum(), (va * va).sum(), vb.sum(), (vb * vb).sum(), d.sum(), (d * d).sum(), np.abs(d).sum()]
+    mags = [np.abs(va).sum(), (va * va).sum(), np.abs(vb).sum(), (vb * vb).sum(), np.abs(d).sum(), (d * d).sum(),
+            np.abs(d).sum()]
+    tol = 8 * a.size * np.finfo(np.float64).eps
+    for g, w, m in zip(got, want, mags):
+        assert g == pytest.approx(w, abs=tol * m + 1e-300)
+
+
+def test_survey_difference_messages_in_their_order(host):
+    def call(a, b):
+        return script_error(host.call, "KIXSurveyDifference", a, b, *([0.0] * 7))
+
+    f4, f4_other = host.new_image((3, 4), 2), host.new_image((4, 3), 2)
+    u8_other = host.new_image((4, 3), 6)
+    f8 = host.new_image((3, 4), 12)
+    types = "All data type should be Integer 1, Integer 2, Real 4 or Real 8."
+    assert call(f4, u8_other) == (types, "SurveyDifferenceDM")  # type before size
+    assert call(host.new_image((3, 4), 3), f4) == (types, "SurveyDifferenceDM")
+    assert call(f4, f4_other) == ("Images of different size cannot appear in this function.", "SurveyDifferenceDM")
+    assert call(f8, f4_other)[0] == "Images of different size cannot appear in this function."  # size before kernel
+    assert call(f8, f4) == ("Invalid data type.", "SurveyDifferenceDM")  # no kernel mixes types
+
+
+# ---------------------------------------------------------- extreme values
+@pytest.mark.parametrize("shape", SHAPES, ids=ids)
+@pytest.mark.parametrize("dtype", STORED, ids=lambda t: np.dtype(t).name)
+def test_minmax_min_max_match_numpy(host, rng, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    img = host.image(a)
+    lo, hi = int(np.argmin(a)), int(np.argmax(a))  # numpy: the first occurrence
+    got = host.call("KIXMinMax", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0)
+    assert got[3] == float(a.flat[lo]) and got[7] == float(a.flat[hi])
+    # A tied extreme may sit elsewhere (lane rule); it must hold the value.
+    assert a[tuple(reversed(got[0:3]))[-a.ndim:]] == a.flat[lo]
+    assert a[tuple(reversed(got[4:7]))[-a.ndim:]] == a.flat[hi]
+    if np.dtype(dtype).kind in "iu":  # integers: first occurrence
+        assert got[0:3] == xyz(lo, a.shape) and got[4:7] == xyz(hi, a.shape)
+    assert host.call("KIXMin", img, 0, 0, 0) == (got[3], *got[0:3])
+    assert host.call("KIXMax", img, 0, 0, 0) == (got[7], *got[4:7])
+    if np.dtype(dtype).kind == "f":
+        stable = host.library_call("KIXMinMaxStable", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0)
+        assert stable == (*xyz(lo, a.shape), got[3], *xyz(hi, a.shape), got[7])
+
+
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+def test_minmax_stable_reports_the_first_of_two_maxima(host, dtype):
+    a = np.zeros((2, 10), dtype)
+    a[0, 5] = a[1, 1] = 7
+    assert host.library_call("KIXMinMaxStable", host.image(a), 0, 0, 0, 0.0, 0, 0, 0, 0.0)[4:] == (5, 0, 0, 7.0)
+    flat = np.full((3, 10), 2.5, dtype)
+    assert host.library_call("KIXMinMaxStable", host.image(flat), 0, 0, 0, 0.0, 0, 0, 0, 0.0) == \
+        (0, 0, 0, 2.5, 0, 0, 0, 2.5)
+
+
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+@pytest.mark.parametrize("maxima, lanes, first", [
+    ([(6, 0), (1, 1)], (1, 1), (6, 0)),      # lane 1 beats an earlier lane 2
+    ([(5, 0), (1, 1)], (5, 0), (5, 0)),      # one lane: its first occurrence
+    ([(9, 0), (2, 2)], (2, 2), (9, 0)),      # any lane beats an earlier tail pixel
+    ([(8, 1), (9, 0)], (9, 0), (9, 0)),      # tail alone: first in scan order
+], ids=["lower-lane", "same-lane", "lane-before-tail", "tail-only"])
+def test_minmax_lane_rule_picks_the_lowest_lane(host, dtype, maxima, lanes, first):
+    a = np.zeros((4, 10), dtype)  # 10 wide: columns 0-7 form the lanes, 8-9 the tail
+    for x, y in maxima:
+        a[y, x] = 9
+    img = host.image(a)
+    assert host.call("KIXMax", img, 0, 0, 0) == (9.0, *lanes, 0)
+    host.call("KIXSetUseSIMD", 0)  # the generic form is the first-occurrence scan
+    try:
+        assert host.call("KIXMax", img, 0, 0, 0) == (9.0, *first, 0)
+    finally:
+        host.call("KIXSetUseSIMD", 1)
+    assert host.library_call("KIXMinMaxStable", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0)[4:7] == (*first, 0)
+
+
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+def test_nan_at_pixel_zero_is_the_result_elsewhere_skipped(host, rng, simd, dtype):
+    a = rng.standard_normal((300, 301)).astype(dtype)
+    a[0, 0] = np.nan
+    img = host.image(a)
+    for got in (host.call("KIXMinMax", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0),
+                host.library_call("KIXMinMaxStable", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0)):
+        assert got[0:3] == (0, 0, 0) and got[4:7] == (0, 0, 0)
+        assert np.isnan(got[3]) and np.isnan(got[7])
+    a[0, 0] = 0
+    a[100, 7] = np.nan
+    got = host.call("KIXMinMax", host.image(a), 0, 0, 0, 0.0, 0, 0, 0, 0.0)
+    assert (got[3], got[7]) == (float(np.nanmin(a)), float(np.nanmax(a)))
+
+
+def test_extreme_value_messages(host):
+    c = host.new_image((3, 3), 3)
+    assert script_error(host.call, "KIXMinMax", c, 0, 0, 0, 0.0, 0, 0, 0, 0.0) == ("Invalid data type.", "MinMaxDM")
+    assert script_error(host.call, "KIXMin", c, 0, 0, 0) == ("Invalid data type.", "MinMaxDM")
+    assert script_error(host.call, "KIXMax", host.new_image((3,), 14), 0, 0, 0) == ("Invalid data type.", "MinMaxDM")
+    for code in (1, 7, 13):
+        assert script_error(host.library_call, "KIXMinMaxStable", host.new_image((3, 3), code),
+                            0, 0, 0, 0.0, 0, 0, 0, 0.0) == ("Data type should be Real 4 or Real 8.", "MinMaxStableDM")
+
+
+# ------------------------------------------------------------------ reduce
+@pytest.mark.parametrize("dtype", STORED, ids=lambda t: np.dtype(t).name)
+@pytest.mark.parametrize("shape", [(7,), (8,), (3, 5), (64, 64), (127, 31), (3, 4, 5), (7, 9, 11)], ids=ids)
+def test_reduce_is_the_block_mean(host, rng, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    img = host.image(a, name="frame")
+    out = host.call("KIXReduce", img)
+    half = tuple(n // 2 for n in shape)
+    # The block's pixels added in scan order (x fastest), as the kernel adds them.
+    acc = np.zeros(half, dtype if np.dtype(dtype).kind == "f" else np.int64)
+    for offset in itertools.product(range(2), repeat=len(shape)):
+        acc = acc + a[tuple(slice(o, o + 2 * n, 2) for o, n in zip(offset, half))].astype(acc.dtype)
+    m = acc.astype(np.float64) * (0.5 ** len(shape))
+    if np.dtype(dtype).kind == "f":
+        want = m.astype(dtype)  # the pixel-type sum widened to double for the scaling
+    else:
+        want = (np.sign(m) * np.floor(np.abs(m) + 0.5)).astype(dtype)  # half away from zero
+    assert out.numpy().dtype == np.dtype(dtype)
+    assert out.numpy().shape == half
+    np.testing.assert_array_equal(out.numpy(), want)
+    assert "Reduce of frame" in repr(out)
+    np.testing.assert_array_equal(img.numpy(), a)
+
+
+def test_reduce_five_by_three_is_two_by_one(host):
+    a = np.arange(15, dtype=np.float32).reshape(3, 5)
+    out = host.call("KIXReduce", host.image(a)).numpy()
+    assert out.shape == (1, 2)
+    np.testing.assert_array_equal(out, [[(0 + 1 + 5 + 6) / 4, (2 + 3 + 7 + 8) / 4]])
+
+
+def test_reduce_messages(host):
+    assert script_error(host.call, "KIXReduce", host.new_image((4, 4), 3)) == ("Invalid data type.", "ReduceDM")
+    assert script_error(host.call, "KIXReduce", host.new_image((5, 1), 2)) == ("Invalid image size.", "ReduceDM")
+    assert script_error(host.call, "KIXReduce", host.new_image((2, 2, 2, 2), 2)) == ("Invalid image size.", "ReduceDM")
+
+
+# -------------------------------------------------------- order statistics
+def test_median_golden_values(host):
+    assert host.library_call("KIXMedian", host.image(np.array([4, 1, 3, 2], np.float32))) == 2.5
+    assert host.library_call("KIXMedian", host.image(np.array([5, 1, 3], np.float64))) == 3.0
+
+
+@pytest.mark.parametrize("shape", [(1,), (2,), (7,), (31, 31), (64, 64), (3, 5, 7), (301, 1001), (4, 256, 256)],
+                         ids=ids)
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+def test_median_and_nth_element_match_numpy(host, rng, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    a.flat[rng.integers(0, a.size, a.size // 4)] = a.flat[0]  # ties
+    img = host.image(a)
+    assert host.library_call("KIXMedian", img) == np.median(a)
+    flat = np.sort(a, axis=None)
+    for n in sorted({0, a.size - 1, a.size // 2, a.size // 3}):
+        assert host.library_call("KIXNthElement", img, n) == flat[n]
+    np.testing.assert_array_equal(img.numpy(), a)  # the source is never reordered
+
+
+@pytest.mark.parametrize("n", [-1, 12, 2**31 - 1])
+def test_nth_element_out_of_range(host, n):
+    img = host.image(np.arange(12, dtype=np.float64))
+    assert script_error(host.library_call, "KIXNthElement", img, n) == ("n is out of range.", "NthElementDM")
+
+
+@pytest.mark.parametrize("code", [1, 6, 7, 3, 13])
+def test_order_statistics_need_real_images(host, code):
+    img = host.new_image((4, 4), code)
+    assert script_error(host.library_call, "KIXNthElement", img, 0) == ("All data type should be Real.", "NthElementDM")
+    assert script_error(host.library_call, "KIXMedian", img) == ("All data type should be Real.", "MedianDM")
+
+
+def test_nan_poisons_the_median_and_ranks_last(host):
+    a = np.arange(100001, dtype=np.float32)
+    a[5] = np.nan
+    img = host.image(a)
+    assert np.isnan(host.library_call("KIXMedian", img))
+    assert np.isnan(host.library_call("KIXNthElement", img, a.size - 1))
+    assert host.library_call("KIXNthElement", img, a.size - 2) == 100000.0
+
+
+# ---------------------------------------------------------------- median z
+@pytest.mark.parametrize("nz", [1, 2, 3, 8, 16, 17, 300])
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+def test_median_z_matches_numpy(host, rng, simd, dtype, nz):
+    a = (rng.standard_normal((nz, 37, 41)) * 100).astype(dtype)
+    a[:, 3, 4] = np.round(a[:, 3, 4])  # some ties
+    dst = host.new_image((37, 41), CODES[np.dtype(dtype)])
+    out = host.library_call("KIXMedianZ", host.image(a), dst)
+    np.testing.assert_array_equal(out.numpy(), np.median(a, axis=0).astype(dtype))
+    np.testing.assert_array_equal(dst.numpy(), out.numpy())
+
+
+def test_median_z_of_two_frames_is_their_mean(host):
+    a = np.stack([np.arange(12, dtype=np.float32).reshape(3, 4), 10 * np.ones((3, 4), np.float32)])
+    out = host.library_call("KIXMedianZ", host.image(a, name="stack"), None)
+    np.testing.assert_array_equal(out.numpy(), a.mean(axis=0))
+    assert out.numpy().dtype == np.float32 and "MedianZ of stack" in repr(out)
+
+
+@pytest.mark.parametrize("dtype, want", [
+    (np.int16, [2, -3, 325, 3, 0]),
+    (np.uint8, [2, 0, 255, 3, 0]),
+    (np.int32, [2, -3, 325, 3, 0]),
+    (np.uint32, [2, 0, 325, 3, 0]),
+    (np.float64, [1.5, -2.5, 325.0, 3.375, np.nan]),
+], ids=lambda v: np.dtype(v).name if isinstance(v, type) else "")
+def test_median_z_into_other_destination_types(host, dtype, want):
+    # Means of two frames: half away from zero, saturated, NaN stored as 0.
+    a = np.array([[[1, -1, 250, 3.25, np.nan]], [[2, -4, 400, 3.5, 1]]], np.float32)
+    dst = host.new_image((1, 5), CODES[np.dtype(dtype)])
+    host.library_call("KIXMedianZ", host.image(a), dst)
+    np.testing.assert_array_equal(dst.numpy()[0], np.array(want, dtype))
+
+
+def test_median_z_messages(host):
+    src = host.image(np.ones((3, 4, 5), np.float32))
+    assert script_error(host.library_call, "KIXMedianZ", host.new_image((3, 4, 5), 7), None) == \
+        ("imgSrc should be Real.", "MedianZDM")
+    for shape in [(4, 4), (5, 4), (3, 4, 5), (2, 4, 5)]:
+        assert script_error(host.library_call, "KIXMedianZ", src, host.new_image(shape, 2)) == \
+            ("Invalid image size.", "MedianZDM")
+    for code in (3, 13, 14):
+        assert script_error(host.library_call, "KIXMedianZ", src, host.new_image((4, 5), code)) == \
+            ("Invalid data type.", "MedianZDM")
