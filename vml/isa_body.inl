@@ -231,6 +231,27 @@ inline void fix_lanes(Cx<V>& r, const Cx<V>& z, M special, S scalar) {
     }
 }
 
+// Lanes where a finite argument gave an infinite result get the scalar form.
+template <class V>
+inline V fix_overflow(V r, V x, Wide f) {
+    constexpr elem<V> inf = std::numeric_limits<elem<V>>::infinity();
+    const auto bad = (s_fabs(r) == inf) & (s_fabs(x) < inf);
+    if (any(bad))
+        for (int k = 0; k < kLanes<V>; ++k)
+            if (bad[k]) r[k] = scalar_real(f, x[k]);
+    return r;
+}
+template <class V>
+inline V pow_checked(V x, V y) {
+    constexpr elem<V> inf = std::numeric_limits<elem<V>>::infinity();
+    V r = s_pow(x, y);
+    const auto bad = (s_fabs(r) == inf) & (s_fabs(x) < inf) & (s_fabs(y) < inf);
+    if (any(bad))
+        for (int k = 0; k < kLanes<V>; ++k)
+            if (bad[k]) r[k] = scalar_pow(x[k], y[k]);
+    return r;
+}
+
 template <class E>
 struct Limits;
 template <>
@@ -294,18 +315,18 @@ KIX_OP1(Exp, s_exp(x))
 KIX_OP1(Expm1, s_expm1(x))
 KIX_OP1(Ln, s_log(x))
 KIX_OP1(Log10, s_log10(x))
-KIX_OP1(Log1p, s_log1p(x))
+KIX_OP1(Log1p, fix_overflow(s_log1p(x), x, Wide::Log1p))
 KIX_OP1(Cos, s_cos(x))
 KIX_OP1(Sin, s_sin(x))
 KIX_OP1(Tan, s_tan(x))
-KIX_OP1(Cosh, s_cosh(x))
-KIX_OP1(Sinh, s_sinh(x))
+KIX_OP1(Cosh, fix_overflow(s_cosh(x), x, Wide::Cosh))
+KIX_OP1(Sinh, fix_overflow(s_sinh(x), x, Wide::Sinh))
 KIX_OP1(Tanh, s_tanh(x))
 KIX_OP1(Acos, s_acos(x))
 KIX_OP1(Asin, s_asin(x))
 KIX_OP1(Atan, s_atan(x))
-KIX_OP1(Acosh, s_acosh(x))
-KIX_OP1(Asinh, s_asinh(x))
+KIX_OP1(Acosh, fix_overflow(s_acosh(x), x, Wide::Acosh))
+KIX_OP1(Asinh, fix_overflow(s_asinh(x), x, Wide::Asinh))
 KIX_OP1(Atanh, s_atanh(x))
 KIX_OP1(Erf, s_erf(x))
 KIX_OP1(Erfc, s_erfc(x))
@@ -329,7 +350,7 @@ KIX_OP2(Add, x + y)
 KIX_OP2(Sub, x - y)
 KIX_OP2(Mul, x * y)
 KIX_OP2(Div, x / y)
-KIX_OP2(Pow, s_pow(x, y))
+KIX_OP2(Pow, pow_checked(x, y))
 KIX_OP2(Hypot, s_hypot(x, y))
 KIX_OP2(Atan2, s_atan2(x, y))
 #undef KIX_OP2
@@ -368,9 +389,11 @@ inline Cx<V> complex_log(Cx<V> z) {
         lr = band ? near : s_log(s_hypot(z.re, z.im));
     }
     Cx<V> r{lr, s_atan2(z.im, z.re)};
+    // Infinite, NaN, zero and subnormal moduli (where hypot would round
+    // absolutely) go to the scalar form.
     V ax = s_fabs(z.re), ay = s_fabs(z.im);
     constexpr E top = std::numeric_limits<E>::max();
-    auto safe = (ax <= top) & (ay <= top) & ((ax != E(0)) | (ay != E(0)));
+    auto safe = (ax <= top) & (ay <= top) & ((ax >= Limits<E>::tiny) | (ay >= Limits<E>::tiny));
     fix_lanes(r, z, ~safe, [](auto a, auto b, auto* o) { scalar_log(a, b, o); });
     return r;
 }
@@ -486,7 +509,7 @@ void polar(const elem<V>* rho, const elem<V>* theta, elem<V>* y, std::int64_t n,
 template <class V>
 void powx(const elem<V>* x, elem<V> b, elem<V>* y, std::int64_t n, bool nt) {
     V vb = splat<V>(b);
-    run<V, 1, 1>([vb](V v) { return s_pow(v, vb); }, y, n, nt, x);
+    run<V, 1, 1>([vb](V v) { return pow_checked(v, vb); }, y, n, nt, x);
 }
 template <class V>
 void sincos(const elem<V>* x, elem<V>* s, elem<V>* c, std::int64_t n, bool) {

@@ -46,6 +46,22 @@ void scalar_sqrt(double re, double im, double* out) {
     widened(re, im, out, [](auto z) { return std::sqrt(z); });
 }
 
+template <class W>
+static W wide(Wide f, W x) {
+    switch (f) {
+    case Wide::Cosh: return std::cosh(x);
+    case Wide::Sinh: return std::sinh(x);
+    case Wide::Log1p: return std::log1p(x);
+    case Wide::Acosh: return std::acosh(x);
+    case Wide::Asinh: return std::asinh(x);
+    }
+    return x;
+}
+float scalar_real(Wide f, float x) { return static_cast<float>(wide<double>(f, x)); }
+double scalar_real(Wide f, double x) { return static_cast<double>(wide<long double>(f, x)); }
+float scalar_pow(float x, float y) { return static_cast<float>(std::pow(double(x), double(y))); }
+double scalar_pow(double x, double y) { return static_cast<double>(std::pow((long double)x, (long double)y)); }
+
 }  // namespace simd
 
 namespace kernels {
@@ -202,7 +218,9 @@ double erfinv_start(double x) {
 // Halley steps on f(y) = erf(y) - a in the working precision W (double for
 // float pixels, long double for double ones).  Above a = 0.5 the residual is
 // formed as (1 - a) - erfc(y): 1 - a is exact there, so the steps keep full
-// relative accuracy up to the last representable a below 1.
+// relative accuracy up to the last representable a below 1.  From the far
+// tail (where the start is an extrapolation) a few more steps are needed;
+// the loop ends once a step is below the working precision.
 template <class T>
 T erfinv(T x) {
     using W = std::conditional_t<std::is_same_v<T, float>, double, long double>;
@@ -214,7 +232,7 @@ T erfinv(T x) {
     const W wa = a;
     const W k = W(1.128379167095512573896158903121545172L);  // 2 / sqrt(pi)
     W y = erfinv_start(double(a));
-    for (int step = 0; step < 4; ++step) {
+    for (int step = 0; step < 10; ++step) {
         const W r = wa <= W(0.5) ? std::erf(y) - wa : (W(1) - wa) - std::erfc(y);
         const W d = k * std::exp(-y * y);
         const W dy = r / (d + y * r);

@@ -77,4 +77,14 @@ void scalar_log(double re, double im, double* out);
 void scalar_sqrt(float re, float im, float* out);
 void scalar_sqrt(double re, double im, double* out);
 
+// Real members whose SLEEF form overflows before the true result does
+// (cosh and sinh just below the overflow threshold, log1p, acosh and asinh
+// of huge arguments, pow near the largest number): lanes with an infinite
+// result from finite arguments are recomputed by these, in a wider precision.
+enum class Wide { Cosh, Sinh, Log1p, Acosh, Asinh };
+float scalar_real(Wide f, float x);
+double scalar_real(Wide f, double x);
+float scalar_pow(float x, float y);
+double scalar_pow(double x, double y);
+
 }  // namespace kix::vml::simd
