@@ -11,6 +11,7 @@
 #include "plugin/registrars.hpp"
 #include "runtime/runtime.hpp"
 #include "stats/handlers.hpp"
+#include "vml/vml.hpp"
 
 namespace kix {
 
@@ -107,6 +108,17 @@ const std::vector<KixFunctionEntry>& library_functions(int list) {
             {"long ", "ToDMDataType(long eType)", entry<ToDMDataTypeDM>()},
             // OpenImage comes here with the file import.
             // LIBRARY ELEMENT-WISE ROWS (Polar, Polar, AbsArg, Abs, Exp2, Log2, Pow, CArg, Norm)
+            {"ComplexImagePtr ", "Polar(ImageRef imgRho, ImageRef imgTheta, ComplexImagePtr imgDst)",
+             entry<static_cast<Image (*)(const Image&, const Image&, const Image&)>(&vml::PolarDM)>()},
+            {"ComplexImagePtr ", "Polar(ComplexImagePtr imgSrc, ComplexImagePtr imgDst)",
+             entry<static_cast<Image (*)(const Image&, const Image&)>(&vml::PolarDM)>()},
+            {"ComplexImagePtr ", "AbsArg(ComplexImagePtr imgSrc, ComplexImagePtr imgDst)", entry<vml::AbsArgDM>()},
+            {"ImageRef ", "Abs(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<vml::ComplexAbsDM>()},
+            {"ImageRef ", "Exp2(ImageRef imgSrc, ImageRef imgDst)", entry<vml::Exp2DM>()},
+            {"ImageRef ", "Log2(ImageRef imgSrc, ImageRef imgDst)", entry<vml::Log2DM>()},
+            {"ImageRef ", "Pow(ImageRef imgA, ImageRef imgB, ImageRef imgDst)", entry<vml::PowDM>()},
+            {"ImageRef ", "CArg(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<vml::CArgDM>()},
+            {"ImageRef ", "Norm(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<vml::NormDM>()},
             // MovingAverage ... MedianFilter come here with the filters.
             // LIBRARY STATISTICS ROWS (NthElement, Median, MedianZ, Survey, Survey, SurveyDifference,
             //                          MinMaxStable, MinMax, Min, Max)
