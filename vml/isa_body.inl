@@ -59,6 +59,11 @@ KIX_WRAP2(s_copysign, copysign, )
 inline VF s_fma(VF a, VF b, VF c) { return VF(KIX_SF(fma, )(NF(a), NF(b), NF(c))); }
 inline VD s_fma(VD a, VD b, VD c) { return VD(KIX_SD(fma, )(ND(a), ND(b), ND(c))); }
 
+// Double-precision 3.5-ulp forms, used inside single-precision members
+// where their error is far below a float ulp.
+inline VD s_log2_u35(VD x) { return VD(KIX_SD(log2, u35)(ND(x))); }
+inline VD s_exp2_u35(VD x) { return VD(KIX_SD(exp2, u35)(ND(x))); }
+
 template <class V>
 struct SinCos {
     V sin, cos;
@@ -241,10 +246,36 @@ inline V fix_overflow(V r, V x, Wide f) {
             if (bad[k]) r[k] = scalar_real(f, x[k]);
     return r;
 }
+// Single precision: x^y = 2^(y log2 x) in double, which is both faster than
+// SLEEF's powf and within half an ulp after rounding (the double error of
+// y log2 x, at most 150 in size where the float result is finite and
+// nonzero, costs 2^-44 relatively).  Lanes with x <= 0, infinities or NaN
+// take SLEEF's powf, which knows C's special cases.
+template <std::size_t... I>
+inline VF pow_via_double(VF x, VF y, std::index_sequence<I...>) {
+    constexpr std::size_t h = sizeof...(I);
+    const VD xl = __builtin_convertvector(__builtin_shufflevector(x, x, I...), VD);
+    const VD xh = __builtin_convertvector(__builtin_shufflevector(x, x, (I + h)...), VD);
+    const VD yl = __builtin_convertvector(__builtin_shufflevector(y, y, I...), VD);
+    const VD yh = __builtin_convertvector(__builtin_shufflevector(y, y, (I + h)...), VD);
+    typedef float VFh __attribute__((vector_size(sizeof(VF) / 2)));
+    const VFh rl = __builtin_convertvector(s_exp2_u35(yl * s_log2_u35(xl)), VFh);
+    const VFh rh = __builtin_convertvector(s_exp2_u35(yh * s_log2_u35(xh)), VFh);
+    return __builtin_shufflevector(rl, rh, I..., (I + h)...);
+}
+inline VF pow_fast(VF x, VF y) {
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    VF r = pow_via_double(x, y, std::make_index_sequence<KIX_WD>{});
+    const auto plain = (x > 0.0f) & (x < inf) & (s_fabs(y) < inf);
+    if (!all(plain)) r = plain ? r : s_pow(x, y);
+    return r;
+}
+inline VD pow_fast(VD x, VD y) { return s_pow(x, y); }
+
 template <class V>
 inline V pow_checked(V x, V y) {
     constexpr elem<V> inf = std::numeric_limits<elem<V>>::infinity();
-    V r = s_pow(x, y);
+    V r = pow_fast(x, y);
     const auto bad = (s_fabs(r) == inf) & (s_fabs(x) < inf) & (s_fabs(y) < inf);
     if (any(bad))
         for (int k = 0; k < kLanes<V>; ++k)

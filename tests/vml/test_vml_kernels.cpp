@@ -50,6 +50,7 @@ template <class T, class K, class R>
 void sweep_sizes(K kernel, R ref, T lo, T hi, double tol) {
     for (std::int64_t n : kSizes) {
         for (int offset : {0, 1, 3}) {
+            if (n > 1000 && offset != 1) continue;  // the large size once, misaligned
             SCOPED_TRACE(::testing::Message() << "n = " << n << ", offset = " << offset);
             const std::vector<T> x = random_values<T>(std::size_t(n + offset + 1), lo, hi, std::uint64_t(n));
             std::vector<T> y(x.size(), T(-7));
