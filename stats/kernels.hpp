@@ -101,13 +101,21 @@ T nth_element(const T* p, const Geometry& g, std::int64_t n);  // 0 <= n < count
 template <class T>
 T median(const T* p, const Geometry& g);
 
-// The same through the shared quickselect on a copy (the reference form; the
-// functions above use it for small images and an exact radix selection on the
-// order-preserving bit patterns for large ones).
+// The three exact selections behind them.  The functions above use the first
+// for small images and the second, falling back to the third, for large ones;
+// all give the same values.
+//  - quickselect: the shared routine on a copy;
+//  - bracketing: a sample of the pixels brackets the rank, one pass gathers
+//    the pixels inside the bracket, the rank is found among them;
+//  - radix: passes over the order-preserving bit patterns, 11 bits each.
 template <class T>
 T nth_element_quickselect(const T* p, const Geometry& g, std::int64_t n);
 template <class T>
 T median_quickselect(const T* p, const Geometry& g);
+template <class T>
+T nth_element_radix(const T* p, const Geometry& g, std::int64_t n);
+template <class T>
+T median_radix(const T* p, const Geometry& g);
 
 // The median along z of every (x, y) into the nx by ny array dst (row stride
 // dst_row_stride).  S: float or double; D: any of the eight stored types.  The

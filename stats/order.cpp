@@ -1,19 +1,21 @@
 // Order statistics of whole images and of z stacks.
 //
 // Whole images: small ones are copied and run through the shared quickselect;
-// large ones go through an exact radix selection that reads the image in
-// place.  Each pixel becomes an unsigned key whose order is the order of the
-// values (the sign bit flipped for positive values, all bits for negative
-// ones; every NaN the largest key).  A pass histograms the next 11 bits of the
-// keys that share the prefix found so far, and the bucket holding the wanted
-// rank extends the prefix.  Once few enough keys remain they are gathered and
-// the rest is found among them.  Any exact selection returns the same value.
+// large ones are read in place.  Each pixel becomes an unsigned key whose
+// order is the order of the values (the sign bit flipped for positive values,
+// all bits for negative ones; every NaN the largest key).  A sample of keys
+// brackets the wanted rank and one pass gathers the keys inside the bracket
+// (usually about 1 % of them); should the sample mislead, a radix selection
+// takes over: each pass histograms the next 11 bits of the keys that share
+// the prefix found so far, and the bucket holding the rank extends the prefix.
+// Any exact selection returns the same value.
 #include <omp.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -359,29 +361,181 @@ private:
     std::int64_t top_bucket_ = -1;
 };
 
-constexpr std::int64_t kRadixMin = 1 << 15;
+// ---------------------------------------------- whole image: bracketing
+// A sample of the keys brackets the wanted rank; one pass over the image
+// counts the keys below the bracket and gathers those inside it, and the rank
+// is then found among the few gathered keys.  When the sample misled (the rank
+// falls outside the bracket) the caller falls back to the radix selection.
+template <class T>
+class BracketSelect {
+public:
+    using K = Key<T>;
+
+    BracketSelect(const T* p, const Geometry& g) : p_(p), g_(g), pieces_(runs_of(g), g.count()) {}
+
+    // Ranks r and, with want_next, r + 1; false when the bracket missed them.
+    bool run(std::int64_t r, bool want_next, RadixSelection<T>& out) {
+        const std::int64_t n = g_.count(), last = want_next ? r + 1 : r;
+        K lo, hi;
+        bracket(r, last, lo, hi);
+        // Slice s gathers into keys[start[s] ...]: nothing is written beyond its share.
+        std::unique_ptr<K[]> keys(new K[static_cast<std::size_t>(n)]);
+        std::vector<std::int64_t> start(pieces_.slices), kept(pieces_.slices), below(pieces_.slices),
+            nans(pieces_.slices);
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) start[s] = elements_before(pieces_.first(s));
+#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+            K* out_keys = keys.get() + start[s];
+            std::int64_t c = 0, b = 0, nan = 0;
+            for (std::int64_t q = pieces_.first(s); q < pieces_.last(s); ++q) {
+                const auto pc = pieces_.piece(q);
+                const T* row = p_ + pieces_.runs.offset(pc.run, g_);
+                for (std::int64_t i = pc.begin; i < pc.end; ++i) {
+                    const K k = key_of(row[i]);
+                    b += k < lo;
+                    nan += k == ~K(0);
+                    out_keys[c] = k;  // kept only when inside the bracket
+                    c += (k >= lo) & (k <= hi);
+                }
+            }
+            kept[s] = c;
+            below[s] = b;
+            nans[s] = nan;
+        }
+        std::int64_t total_below = 0, total = 0;
+        nans_ = 0;
+        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+            std::copy(keys.get() + start[s], keys.get() + start[s] + kept[s], keys.get() + total);
+            total += kept[s];
+            total_below += below[s];
+            nans_ += nans[s];
+        }
+        if (r < total_below || last >= total_below + total) return false;
+        K* const first = keys.get();
+        K* const kth = first + (r - total_below);
+        std::nth_element(first, kth, first + total);
+        out.key = *kth;
+        if (want_next) {
+            out.has_next = true;
+            out.next = *std::min_element(kth + 1, first + total);
+        }
+        return true;
+    }
+
+    // NaN pixels seen by the last run().
+    std::int64_t nans() const { return nans_; }
+
+private:
+    // Keys lo <= hi that hold ranks r .. last with near certainty: the sample's
+    // keys a few standard deviations of a binomial count either side.
+    void bracket(std::int64_t r, std::int64_t last, K& lo, K& hi) const {
+        const std::int64_t n = g_.count(), m = std::min<std::int64_t>(n, kSample);
+        std::vector<K> sample(static_cast<std::size_t>(m));
+        // Scattered positions: steps of the golden section of n, wrapping around.
+        const std::int64_t step = std::max<std::int64_t>(1, static_cast<std::int64_t>(double(n) * 0.6180339887498949));
+        const bool whole = pieces_.runs.kind == Runs::kWhole;
+        for (std::int64_t i = 0, pos = 0; i < m; ++i) {
+            if (whole) {
+                sample[i] = key_of(p_[pos]);
+            } else {
+                const Position at = position_of(pos, g_);
+                sample[i] = key_of(p_[at.x + at.y * g_.row_stride + at.z * g_.plane_stride]);
+            }
+            pos += step;
+            if (pos >= n) pos -= n;
+        }
+        const double f_lo = double(r) / double(n), f_hi = double(last + 1) / double(n);
+        const double spread = 5.0 * std::sqrt(double(m) * 0.25) + 2.0;
+        const std::int64_t j_lo = static_cast<std::int64_t>(std::floor(f_lo * double(m) - spread));
+        const std::int64_t j_hi = static_cast<std::int64_t>(std::ceil(f_hi * double(m) + spread));
+        lo = K(0);
+        hi = ~K(0);
+        if (j_lo >= 0) {
+            std::nth_element(sample.begin(), sample.begin() + j_lo, sample.end());
+            lo = sample[j_lo];
+        }
+        if (j_hi < m) {
+            std::nth_element(sample.begin(), sample.begin() + j_hi, sample.end());
+            hi = sample[j_hi];
+        }
+    }
+
+    // Pixels in the pieces before piece q.
+    std::int64_t elements_before(std::int64_t q) const {
+        const std::int64_t run = q / pieces_.per_run, within = (q % pieces_.per_run) * kPiece;
+        return run * pieces_.runs.length + std::min(within, pieces_.runs.length);
+    }
+
+    static constexpr std::int64_t kSample = 1 << 15;
+    const T* p_;
+    Geometry g_;
+    Pieces pieces_;
+    std::int64_t nans_ = 0;
+};
+
+constexpr std::int64_t kLargeMin = 1 << 15;
+
+// A selection on a large image and what it learnt about NaN pixels.
+template <class T>
+struct LargeSelection {
+    RadixSelection<T> ranks;
+    enum { kNoNaN, kNaN, kMaybeNaN } nan;
+};
+
+template <class T>
+LargeSelection<T> select_radix(const T* p, const Geometry& g, std::int64_t r, bool want_next) {
+    RadixSelect<T> radix(p, g);
+    const RadixSelection<T> ranks = radix.run(r, want_next);
+    return {ranks, radix.may_hold_nan() ? LargeSelection<T>::kMaybeNaN : LargeSelection<T>::kNoNaN};
+}
+
+template <class T>
+LargeSelection<T> select_large(const T* p, const Geometry& g, std::int64_t r, bool want_next) {
+    BracketSelect<T> bracket(p, g);
+    RadixSelection<T> ranks{};
+    if (bracket.run(r, want_next, ranks))
+        return {ranks, bracket.nans() > 0 ? LargeSelection<T>::kNaN : LargeSelection<T>::kNoNaN};
+    return select_radix(p, g, r, want_next);
+}
+
+// The median from its lower middle rank (and the next one for an even count).
+template <class T>
+T median_of(const T* p, const Geometry& g, const LargeSelection<T>& lower) {
+    const std::int64_t m = g.count();
+    if (lower.nan == LargeSelection<T>::kNaN) return std::numeric_limits<T>::quiet_NaN();
+    if (lower.nan == LargeSelection<T>::kMaybeNaN) {  // NaNs hold the largest keys: look at the top one
+        const T top = value_of<T>(RadixSelect<T>(p, g).run(m - 1, false).key);
+        if (std::isnan(top)) return top;
+    }
+    const T a = value_of<T>(lower.ranks.key);
+    if (m % 2 == 1) return a;
+    return (value_of<T>(lower.ranks.next) + a) * T(0.5);
+}
 
 }  // namespace
 
 template <class T>
 T nth_element(const T* p, const Geometry& g, std::int64_t n) {
-    if (g.count() < kRadixMin) return nth_element_quickselect(p, g, n);
-    return value_of<T>(RadixSelect<T>(p, g).run(n, false).key);
+    if (g.count() < kLargeMin) return nth_element_quickselect(p, g, n);
+    return value_of<T>(select_large(p, g, n, false).ranks.key);
 }
 
 template <class T>
 T median(const T* p, const Geometry& g) {
     const std::int64_t m = g.count();
-    if (m < kRadixMin) return median_quickselect(p, g);
-    RadixSelect<T> rs(p, g);
-    const RadixSelection<T> lower = rs.run((m - 1) / 2, m % 2 == 0);
-    if (rs.may_hold_nan()) {
-        const T top = value_of<T>(rs.run(m - 1, false).key);
-        if (std::isnan(top)) return top;
-    }
-    const T a = value_of<T>(lower.key);
-    if (m % 2 == 1) return a;
-    return (value_of<T>(lower.next) + a) * T(0.5);
+    if (m < kLargeMin) return median_quickselect(p, g);
+    return median_of(p, g, select_large(p, g, (m - 1) / 2, m % 2 == 0));
+}
+
+template <class T>
+T nth_element_radix(const T* p, const Geometry& g, std::int64_t n) {
+    return value_of<T>(select_radix(p, g, n, false).ranks.key);
+}
+
+template <class T>
+T median_radix(const T* p, const Geometry& g) {
+    const std::int64_t m = g.count();
+    return median_of(p, g, select_radix(p, g, (m - 1) / 2, m % 2 == 0));
 }
 
 // ------------------------------------------------------ instantiations
@@ -389,7 +543,9 @@ T median(const T* p, const Geometry& g) {
     template T nth_element<T>(const T*, const Geometry&, std::int64_t);                  \
     template T median<T>(const T*, const Geometry&);                                     \
     template T nth_element_quickselect<T>(const T*, const Geometry&, std::int64_t);      \
-    template T median_quickselect<T>(const T*, const Geometry&);
+    template T median_quickselect<T>(const T*, const Geometry&);                         \
+    template T nth_element_radix<T>(const T*, const Geometry&, std::int64_t);            \
+    template T median_radix<T>(const T*, const Geometry&);
 KIX_REAL(float)
 KIX_REAL(double)
 #undef KIX_REAL

@@ -142,10 +142,12 @@ TYPED_TEST(OrderTyped, NthElementAndMedianOfWholeImages) {
             for (std::int64_t r : ranks) {
                 EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << "rank " << r;
                 EXPECT_EQ(kix::stats::nth_element_quickselect(v.data(), g, r), sorted[r]) << "rank " << r;
+                EXPECT_EQ(kix::stats::nth_element_radix(v.data(), g, r), sorted[r]) << "rank " << r;
             }
             // (inf + -inf) * 0.5 is NaN: compare as values, NaN matching NaN.
             const T want = sorted_median(sorted);
-            for (T got : {kix::stats::median(v.data(), g), kix::stats::median_quickselect(v.data(), g)}) {
+            for (T got : {kix::stats::median(v.data(), g), kix::stats::median_quickselect(v.data(), g),
+                          kix::stats::median_radix(v.data(), g)}) {
                 if (std::isnan(want))
                     EXPECT_TRUE(std::isnan(got));
                 else
@@ -169,9 +171,27 @@ TYPED_TEST(OrderTyped, EvenMedianWhoseUpperValueLiesOutsideTheLowerOnesBucket) {
         std::vector<T> sorted = v;
         std::sort(sorted.begin(), sorted.end());
         const Geometry g = kix::stats::dense(n);
-        EXPECT_EQ(kix::stats::median(v.data(), g), (sorted[n / 2] + sorted[n / 2 - 1]) * T(0.5));
+        for (T got : {kix::stats::median(v.data(), g), kix::stats::median_radix(v.data(), g)})
+            EXPECT_EQ(got, (sorted[n / 2] + sorted[n / 2 - 1]) * T(0.5));
         EXPECT_EQ(kix::stats::nth_element(v.data(), g, n / 2), sorted[n / 2]);
+        EXPECT_EQ(kix::stats::nth_element_radix(v.data(), g, n / 2), sorted[n / 2]);
     }
+}
+
+TYPED_TEST(OrderTyped, AMisleadingSampleFallsBackToTheRadixSelection) {
+    using T = TypeParam;
+    // The bracketing sample reads the pixels at i * floor(0.618... n) mod n for
+    // i below 32768; making exactly those huge makes the sample claim that the
+    // middle ranks are huge, while they lie among the small pixels.
+    const std::int64_t n = 1000000, step = 618033;
+    std::vector<T> v = values<T>(std::size_t(n), Spread::kNormal, 21);
+    for (std::int64_t i = 0; i < 32768; ++i) v[(i * step) % n] = T(1e6 + double(i));
+    std::vector<T> sorted = v;
+    std::sort(sorted.begin(), sorted.end());
+    const Geometry g = kix::stats::dense(1000, 1000);
+    EXPECT_EQ(kix::stats::median(v.data(), g), (sorted[n / 2] + sorted[n / 2 - 1]) * T(0.5));
+    for (std::int64_t r : {std::int64_t(0), n / 4, n / 2, n - 70000, n - 1})
+        EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << r;
 }
 
 TYPED_TEST(OrderTyped, TheSourceIsOnlyRead) {
@@ -210,6 +230,8 @@ TYPED_TEST(OrderTyped, NaNRanksAboveInfinityAndPoisonsTheMedian) {
         const Geometry g = kix::stats::dense(n);
         EXPECT_TRUE(std::isnan(kix::stats::median(v.data(), g)));
         EXPECT_TRUE(std::isnan(kix::stats::median_quickselect(v.data(), g)));
+        EXPECT_TRUE(std::isnan(kix::stats::median_radix(v.data(), g)));
+        EXPECT_TRUE(std::isnan(kix::stats::nth_element_radix(v.data(), g, n - 1)));
         EXPECT_TRUE(std::isnan(kix::stats::nth_element(v.data(), g, n - 1)));
         EXPECT_TRUE(std::isnan(kix::stats::nth_element(v.data(), g, n - 2)));
         EXPECT_EQ(kix::stats::nth_element(v.data(), g, n - 3), std::numeric_limits<T>::infinity());
