@@ -345,8 +345,8 @@ void two_results(const Image& src, Image* first, Image* second, K&& kernel) {
     const int code = to_float ? int(vorn::dm::kReal4) : data_type(src);
     const bool reads_converted = to_float;
     if (data_type(*first) != code || data_type(*second) != code) fail(kNotSame);
-    if (!is_realish(src)) fail(kNotReal);
     require_same_size({&src, first, second});
+    if (!is_realish(src)) fail(kNotReal);
     if (!reads_converted && !is_real_code(code)) {
         // An integer type throughout: computed in double, rounded back and
         // held to the type's range.

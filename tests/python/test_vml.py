@@ -325,6 +325,7 @@ def test_every_message_of_the_family(host, rng):
     raises(host, "Invalid data type.", UNARY, "KIXCIS", i16, None)
     raises(host, "All data type should be same.", UNARY, "KIXSinCos", r4, r8, None)
     raises(host, "All data type should be same.", UNARY, "KIXModf", r4, r4, i16)
+    raises(host, BIR, UNARY, "KIXSinCos", c8, None, None)
 
 
 def test_views_must_be_contiguous_and_apart(host):
