@@ -218,7 +218,10 @@ Image unary(const Unary& m, const Image& src, const Image& dst) {
     };
     if (m.complex()) {
         // Real-or-complex members take the complex path when the source or a
-        // passed destination is complex; complex-only members always.
+        // passed destination is complex; complex-only members always.  An
+        // integer or binary source with a complex destination is refused there
+        // ("Data type should be Complex."): converting it would invent a
+        // complex image the script never asked for.
         const bool complex = !m.real() || is_complex_code(data_type(src)) ||
                              (dst.IsValid() && is_complex_code(data_type(dst)));
         if (complex) return complex_unary(src, destination(dst, src), kernel);
@@ -263,8 +266,9 @@ Image binary(const Binary& m, const Image& a, const Image& b, const Image& dst) 
     return out;
 }
 
-// Complex source into a real destination of the matching precision (made
-// when none is passed).
+// Complex source into a real destination: one of the matching precision is
+// made when none is passed; a passed one of the other precision gets the
+// result in its own precision (the source is converted first).
 template <class K>
 Image complex_to_real(const Image& src, const Image& dst, K&& kernel) {
     if (!is_complex_code(data_type(src))) fail(kNotComplex);
