@@ -36,14 +36,27 @@ bool file_exists(const std::string& p) {
     return !p.empty() && stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+// The module beside the program (or library) that holds this host: prefix/bin
+// and prefix/lib of an installation, or a package directory holding both.
+std::vector<std::string> modules_beside_this_code() {
+    Dl_info info{};
+    if (!dladdr(reinterpret_cast<void*>(&file_exists), &info) || !info.dli_fname) return {};
+    std::string dir = info.dli_fname;
+    const std::size_t slash = dir.rfind('/');
+    dir = slash == std::string::npos ? "." : dir.substr(0, slash);
+    return {dir + "/libkix.so", dir + "/../lib/libkix.so"};
+}
+
 std::string resolve_module(const HostOptions& o) {
     if (!o.module_path.empty()) return o.module_path;
     if (const char* env = std::getenv("KIX_MODULE"); env && *env) return env;
+    for (const std::string& p : modules_beside_this_code())
+        if (file_exists(p)) return p;
     if (file_exists(KIX_BUILT_MODULE)) return KIX_BUILT_MODULE;
     if (file_exists(KIX_INSTALLED_MODULE)) return KIX_INSTALLED_MODULE;
     throw std::runtime_error(std::string("No kix module found: pass HostOptions::module_path or set KIX_MODULE "
-                                         "(looked for ") +
-                             KIX_BUILT_MODULE + " and " + KIX_INSTALLED_MODULE + ").");
+                                         "(looked beside this program, at ") +
+                             KIX_BUILT_MODULE + " and at " + KIX_INSTALLED_MODULE + ").");
 }
 
 [[noreturn]] void system_error(const std::string& what) {

@@ -206,6 +206,7 @@ int main(int argc, char** argv) {
         return usage(("unknown command " + command).c_str());
     try {
         Host host(options);
+        if (options.verbose) std::fprintf(stderr, "kixhost: module %s\n", host.module_path().c_str());
         if (!options.verbose)
             for (const ReportedError& e : host.errors())
                 std::fprintf(stderr, "kixhost: module error %d: %s\n", e.code, e.message.c_str());

@@ -182,6 +182,19 @@ TEST_F(Glue, ImageSlotsReceiveNewImagesOwnedByTheCaller) {
     }
     EXPECT_EQ(old->refs(), 1);  // the variable's reference went back
     EXPECT_EQ(src->refs(), 2);
+
+    // A host function that fails (a clone of no image) fails the handler that
+    // called it, and the variables keep what they held.
+    args = {NullImage{}, ObjectPtr(old), NullImage{}};
+    try {
+        host_->call("TSplit", args);
+        FAIL() << "no error";
+    } catch (const ScriptError& e) {
+        EXPECT_STREQ(e.what(), "ImageClone: no image.");
+        EXPECT_EQ(e.context(), "test::SplitDM");
+    }
+    EXPECT_EQ(std::get<ObjectPtr>(args[1]).get(), old.get());
+    EXPECT_EQ(old->refs(), 2);
 }
 
 TEST_F(Glue, OverloadByImageClassAndTheViewsTypeCheck) {
