@@ -66,8 +66,9 @@ def agree(a, b, rtol):
                 and all(agree(x, y, rtol) for x, y in zip(a, b)))
     if a.shape != b.shape:
         return False
-    scale = float(np.max(np.abs(a))) if a.size else 0.0
-    return bool(np.allclose(a, b, rtol=rtol, atol=rtol * scale))
+    finite = np.abs(a[np.isfinite(a)])
+    scale = float(finite.max()) if finite.size else 0.0
+    return bool(np.allclose(a, b, rtol=rtol, atol=rtol * scale, equal_nan=True))
 
 
 # ------------------------------------------------------------------ timing

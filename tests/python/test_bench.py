@@ -69,9 +69,10 @@ def test_fftw_peer_reports_bad_commands(peer):
         peer.plan("dct", np.zeros(8, np.complex64))
 
 
+@pytest.mark.filterwarnings("ignore:invalid value")
 def test_case_timing_bound_and_mismatch(rng):
     pool = compare.concurrent.futures.ThreadPoolExecutor(2)
-    a = rng.standard_normal(1 << 16)
+    a = rng.standard_normal(1 << 16)  # half of the roots are NaN, alike in every contender
     case = compare.Case("sqrt", kix=lambda: np.sqrt(a), bytes=2 * a.nbytes, rtol=1e-12,
                         peers={"same": lambda: np.sqrt(a), "wrong": lambda: np.sqrt(a) + 1})
     r = compare.run_case(case, rounds=2, target=0.002, threads=2, pool=pool)
