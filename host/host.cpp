@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -99,11 +100,18 @@ void* load_private_copy(const std::string& path) {
     // The libraries the module brought in (OpenMP, FFTW, OpenBLAS) stay loaded
     // for the life of the process: their worker threads outlive any module
     // instance, and reloading them for each host would be slow.
+    // Each is held by one more reference that is never given back.
     link_map* lm = nullptr;
+    std::vector<std::string> deps;
     if (dlinfo(handle, RTLD_DI_LINKMAP, &lm) == 0 && lm)
         for (link_map* l = lm->l_next; l; l = l->l_next)
-            if (l->l_name && *l->l_name && !std::strstr(l->l_name, kCopyPrefix))
-                dlopen(l->l_name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+            if (l->l_name && *l->l_name && !std::strstr(l->l_name, kCopyPrefix)) deps.emplace_back(l->l_name);
+    static std::mutex pinned_mutex;
+    static std::vector<std::string> pinned;
+    std::lock_guard<std::mutex> lock(pinned_mutex);
+    for (const std::string& d : deps)
+        if (std::find(pinned.begin(), pinned.end(), d) == pinned.end() && dlopen(d.c_str(), RTLD_LAZY | RTLD_NOLOAD))
+            pinned.push_back(d);
     return handle;
 }
 
