@@ -21,6 +21,7 @@
 
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
+#include "stats/keys.hpp"
 #include "stats/select.hpp"
 #include "stats/simd.hpp"
 
@@ -182,27 +183,7 @@ T median_quickselect(const T* p, const Geometry& g) {
 namespace {
 
 template <class T>
-using Key = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
-
-template <class T>
-inline Key<T> key_of(T v) {
-    using K = Key<T>;
-    constexpr K sign = K(1) << (8 * sizeof(K) - 1);
-    if (v != v) return ~K(0);
-    K bits;
-    std::memcpy(&bits, &v, sizeof bits);
-    return (bits & sign) ? ~bits : (bits | sign);
-}
-
-template <class T>
-inline T value_of(Key<T> k) {
-    using K = Key<T>;
-    constexpr K sign = K(1) << (8 * sizeof(K) - 1);
-    const K bits = (k & sign) ? (k & ~sign) : ~k;
-    T v;
-    std::memcpy(&v, &bits, sizeof v);
-    return v;
-}
+using Key = key_t<T>;
 
 constexpr int kRadixBits = 11;
 constexpr std::int64_t kBuckets = std::int64_t(1) << kRadixBits;
@@ -362,6 +343,16 @@ private:
 };
 
 // ---------------------------------------------- whole image: bracketing
+template <class T>
+std::int64_t bracket_keys_widest(const T* p, std::int64_t n, Key<T> lo, Key<T> hi, Key<T>* out, std::int64_t* below,
+                                 std::int64_t* nans) {
+    switch (isa_level()) {
+        case 3: return avx512::bracket_keys(p, n, lo, hi, out, below, nans);
+        case 2: return avx2::bracket_keys(p, n, lo, hi, out, below, nans);
+        default: return sse2::bracket_keys(p, n, lo, hi, out, below, nans);
+    }
+}
+
 // A sample of the keys brackets the wanted rank; one pass over the image
 // counts the keys below the bracket and gathers those inside it, and the rank
 // is then found among the few gathered keys.  When the sample misled (the rank
@@ -389,14 +380,8 @@ public:
             std::int64_t c = 0, b = 0, nan = 0;
             for (std::int64_t q = pieces_.first(s); q < pieces_.last(s); ++q) {
                 const auto pc = pieces_.piece(q);
-                const T* row = p_ + pieces_.runs.offset(pc.run, g_);
-                for (std::int64_t i = pc.begin; i < pc.end; ++i) {
-                    const K k = key_of(row[i]);
-                    b += k < lo;
-                    nan += k == ~K(0);
-                    out_keys[c] = k;  // kept only when inside the bracket
-                    c += (k >= lo) & (k <= hi);
-                }
+                const T* row = p_ + pieces_.runs.offset(pc.run, g_) + pc.begin;
+                c += bracket_keys_widest(row, pc.end - pc.begin, lo, hi, out_keys + c, &b, &nan);
             }
             kept[s] = c;
             below[s] = b;
@@ -412,7 +397,11 @@ public:
         }
         if (r < total_below || last >= total_below + total) return false;
         K* const first = keys.get();
-        K* const kth = first + (r - total_below);
+        std::int64_t at = r - total_below;
+        // Bracket again among the gathered keys while there are many.
+        while (total > kDirect && narrow(first, total, at, at + (last - r))) {
+        }
+        K* const kth = first + at;
         std::nth_element(first, kth, first + total);
         out.key = *kth;
         if (want_next) {
@@ -426,8 +415,54 @@ public:
     std::int64_t nans() const { return nans_; }
 
 private:
-    // Keys lo <= hi that hold ranks r .. last with near certainty: the sample's
-    // keys a few standard deviations of a binomial count either side.
+    // Keeps, of keys[0 .. count), those that a sample brackets around ranks
+    // at .. last, moved to the front; at follows its key.  False, with the keys
+    // as they were, when the sample misled or the bracket kept almost all.
+    static bool narrow(K* keys, std::int64_t& count, std::int64_t& at, std::int64_t last) {
+        const std::int64_t m = std::min<std::int64_t>(count, kSample / 8), step = count / m;
+        std::vector<K> sample(static_cast<std::size_t>(m));
+        for (std::int64_t i = 0; i < m; ++i) sample[i] = keys[i * step];
+        K lo, hi;
+        choose(sample, count, at, last, lo, hi);
+        std::int64_t below = 0, inside = 0;
+        for (std::int64_t i = 0; i < count; ++i) {
+            below += keys[i] < lo;
+            inside += (keys[i] >= lo) & (keys[i] <= hi);
+        }
+        if (at < below || last >= below + inside || inside > count / 2) return false;
+        std::int64_t kept = 0;
+        for (std::int64_t i = 0; i < count; ++i) {
+            const K k = keys[i];
+            keys[kept] = k;
+            kept += (k >= lo) & (k <= hi);
+        }
+        count = kept;
+        at -= below;
+        return true;
+    }
+
+    // Keys lo <= hi that hold ranks r .. last of n keys with near certainty:
+    // the keys of a sample of them a few standard deviations of a binomial
+    // count either side.
+    static void choose(std::vector<K>& sample, std::int64_t n, std::int64_t r, std::int64_t last, K& lo, K& hi) {
+        const std::int64_t m = static_cast<std::int64_t>(sample.size());
+        const double f_lo = double(r) / double(n), f_hi = double(last + 1) / double(n);
+        const double spread = 5.0 * std::sqrt(double(m) * 0.25) + 2.0;
+        const std::int64_t j_lo = static_cast<std::int64_t>(std::floor(f_lo * double(m) - spread));
+        const std::int64_t j_hi = static_cast<std::int64_t>(std::ceil(f_hi * double(m) + spread));
+        lo = K(0);
+        hi = ~K(0);
+        if (j_lo >= 0) {
+            std::nth_element(sample.begin(), sample.begin() + j_lo, sample.end());
+            lo = sample[j_lo];
+        }
+        if (j_hi < m) {
+            std::nth_element(sample.begin(), sample.begin() + j_hi, sample.end());
+            hi = sample[j_hi];
+        }
+    }
+
+    // The bracket of ranks r .. last among the pixels, from a sample of them.
     void bracket(std::int64_t r, std::int64_t last, K& lo, K& hi) const {
         const std::int64_t n = g_.count(), m = std::min<std::int64_t>(n, kSample);
         std::vector<K> sample(static_cast<std::size_t>(m));
@@ -444,20 +479,7 @@ private:
             pos += step;
             if (pos >= n) pos -= n;
         }
-        const double f_lo = double(r) / double(n), f_hi = double(last + 1) / double(n);
-        const double spread = 5.0 * std::sqrt(double(m) * 0.25) + 2.0;
-        const std::int64_t j_lo = static_cast<std::int64_t>(std::floor(f_lo * double(m) - spread));
-        const std::int64_t j_hi = static_cast<std::int64_t>(std::ceil(f_hi * double(m) + spread));
-        lo = K(0);
-        hi = ~K(0);
-        if (j_lo >= 0) {
-            std::nth_element(sample.begin(), sample.begin() + j_lo, sample.end());
-            lo = sample[j_lo];
-        }
-        if (j_hi < m) {
-            std::nth_element(sample.begin(), sample.begin() + j_hi, sample.end());
-            hi = sample[j_hi];
-        }
+        choose(sample, n, r, last, lo, hi);
     }
 
     // Pixels in the pieces before piece q.
@@ -516,14 +538,14 @@ T median_of(const T* p, const Geometry& g, const LargeSelection<T>& lower) {
 
 template <class T>
 T nth_element(const T* p, const Geometry& g, std::int64_t n) {
-    if (g.count() < kLargeMin) return nth_element_quickselect(p, g, n);
+    if (g.count() < kLargeMin || !HasSSE2()) return nth_element_quickselect(p, g, n);
     return value_of<T>(select_large(p, g, n, false).ranks.key);
 }
 
 template <class T>
 T median(const T* p, const Geometry& g) {
     const std::int64_t m = g.count();
-    if (m < kLargeMin) return median_quickselect(p, g);
+    if (m < kLargeMin || !HasSSE2()) return median_quickselect(p, g);
     return median_of(p, g, select_large(p, g, (m - 1) / 2, m % 2 == 0));
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "stats/kernels.hpp"
+#include "stats/keys.hpp"
 
 namespace kix::stats {
 
@@ -39,7 +40,12 @@ inline constexpr std::int64_t kNetworkMax = 256;
     /* Medians along z of the nx pixels of one row (src points at its plane-0 pixel). */         \
     template <class S>                                                                           \
     void median_z_row(const S* src, std::int64_t nx, std::int64_t plane_stride,                  \
-                      const MedianNetwork& net, S* out);
+                      const MedianNetwork& net, S* out);                                         \
+    /* The keys of p[0 .. n): adds those below lo to *below and the NaNs to *nans, appends */    \
+    /* those in lo .. hi to out and answers how many it appended. */                             \
+    template <class T>                                                                           \
+    std::int64_t bracket_keys(const T* p, std::int64_t n, key_t<T> lo, key_t<T> hi, key_t<T>* out, \
+                              std::int64_t* below, std::int64_t* nans);
 
 namespace avx512 { KIX_STATS_SIMD_DECLARATIONS }
 namespace avx2 { KIX_STATS_SIMD_DECLARATIONS }

@@ -240,7 +240,7 @@ def test_median_golden_values(host):
 @pytest.mark.parametrize("shape", [(1,), (2,), (7,), (31, 31), (64, 64), (3, 5, 7), (301, 1001), (4, 256, 256)],
                          ids=ids)
 @pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
-def test_median_and_nth_element_match_numpy(host, rng, dtype, shape):
+def test_median_and_nth_element_match_numpy(host, rng, simd, dtype, shape):
     a = random_array(rng, shape, dtype)
     a.flat[rng.integers(0, a.size, a.size // 4)] = a.flat[0]  # ties
     img = host.image(a)
