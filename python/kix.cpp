@@ -6,7 +6,6 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -233,9 +232,7 @@ py::array numpy_view(py::object self) {
 py::object wrap(ImagePtr im, py::object host) { return py::cast(PyImage{std::move(im), std::move(host)}); }
 
 py::object new_image(py::object self, const std::vector<std::int64_t>& shape, int data_type, const std::string& name) {
-    ImagePtr im = host_of(self).new_image(data_type, reversed(shape), name);
-    if (im->contiguous()) std::memset(im->data(), 0, static_cast<std::size_t>(im->count()) * kixhost::element_bytes(data_type));
-    return wrap(std::move(im), self);
+    return wrap(host_of(self).new_image(data_type, reversed(shape), name), self);  // zeroed by the host
 }
 
 // A host image holding a copy of any array (any strides, byte order or
@@ -303,6 +300,8 @@ PYBIND11_MODULE(_kix, m) {
         .def_property_readonly("shape", [](const PyImage& i) { return py::tuple(py::cast(reversed(i.image->dims))); })
         .def_property_readonly("ndim", [](const PyImage& i) { return i.image->dims.size(); })
         .def_property_readonly("is_subarea", [](const PyImage& i) { return i.image->is_subarea; })
+        .def_property_readonly("data_changed", [](const PyImage& i) { return i.image->data_changed.load(); },
+                               "How often the module marked the pixels changed (ImageDataChanged).")
         .def_property("name", [](const PyImage& i) { return pystr(i.image->name); },
                       [](PyImage& i, py::handle s) { i.image->name = cstr(s); })
         .def_property_readonly("tags", [](const PyImage& i) -> py::object {
