@@ -146,6 +146,15 @@ struct Host::Impl {
         std::atomic<Impl*> impl{nullptr};
     };
 
+    // Links are kept for the life of the process (see ~Host), past the static
+    // destructors too: a module that stays loaded runs its own at the very end.
+    static Link* new_link() {
+        static auto* mutex = new std::mutex();
+        static auto* links = new std::deque<Link>();
+        std::lock_guard<std::mutex> lock(*mutex);
+        return &links->emplace_back();
+    }
+
     HostOptions options;
     std::string module_file;
     void* module = nullptr;
@@ -369,7 +378,7 @@ Host::Host(HostOptions options) : impl_(std::make_unique<Impl>()) {
     m.add_closure("uint64 RegisterCustomTool( uint64, string, uint64 )", &Impl::register_custom_tool);
     m.add_closure("void UnregisterCustomTool( uint64 )", &Impl::unregister_custom_tool);
 
-    m.link = new Impl::Link();
+    m.link = Impl::new_link();
     m.link->impl.store(&m);
     KixHostCallbacks& t = m.link->table;
     t.abi_version = KIX_HOST_ABI_VERSION;
