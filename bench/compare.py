@@ -8,8 +8,8 @@ Each family adds bench/sections/<family>.py with a function
 
 where `bytes` is what one call must read plus write (0: no memory bound).  The
 harness runs every contender of a case interleaved, round after round, keeps the
-best round of each, and times numpy.copyto over the same number of bytes in the
-same rounds as the memory-copy bound.  This machine is noisy (20-40 % between
+best round of each, and times copies of the same number of bytes in the same
+rounds as the memory-copy bound.  This machine is noisy (20-40 % between
 runs), so only ratios from one run mean anything: docs/performance.md keeps
 each section's table from a single run.
 
@@ -95,23 +95,38 @@ def calibrate(fn, target):
 
 
 class CopyBound:
-    """numpy.copyto of bytes/2 into bytes/2: the same bytes read plus written.
-    Timed on one thread and on `threads` threads (halves copied side by side,
-    numpy releases the GIL while copying); the faster is the bound."""
+    """A copy of bytes/2 into bytes/2, so the same bytes read plus written, in
+    two ways: plain stores (numpy.positive over 8-byte words, a vectorised loop)
+    and memmove (numpy.copyto, which streams past the cache for large blocks),
+    each on one thread and on `threads` threads (parts side by side; numpy
+    releases the GIL).  The fastest of them is the bound."""
 
     def __init__(self, nbytes, threads, pool):
-        half = max(nbytes // 2, 1)
-        self.src = np.ones(half, np.uint8)
-        self.dst = np.zeros(half, np.uint8)
+        words = max(nbytes // 16, 1)
+        self.src = np.ones(words, np.uint64)
+        self.dst = np.zeros(words, np.uint64)
         self.pool = pool
-        edges = np.linspace(0, half, threads + 1).astype(int)
-        self.parts = [(self.dst[a:b], self.src[a:b]) for a, b in zip(edges[:-1], edges[1:])]
+        edges = np.linspace(0, words, threads + 1).astype(int)
+        self.parts = [(self.src[a:b], self.dst[a:b]) for a, b in zip(edges[:-1], edges[1:])]
 
-    def one(self):
-        np.copyto(self.dst, self.src)
+    @staticmethod
+    def stores(src, dst):
+        np.positive(src, out=dst)
 
-    def many(self):
-        for f in [self.pool.submit(np.copyto, d, s) for d, s in self.parts]:
+    @staticmethod
+    def memmove(src, dst):
+        np.copyto(dst, src)
+
+    def contenders(self):
+        out = {}
+        for name, copy in (("stores", self.stores), ("memmove", self.memmove)):
+            out[f"copy {name} 1 thread"] = lambda copy=copy: copy(self.src, self.dst)
+            if len(self.parts) > 1:
+                out[f"copy {name} {len(self.parts)} threads"] = lambda copy=copy: self.split(copy)
+        return out
+
+    def split(self, copy):
+        for f in [self.pool.submit(copy, s, d) for s, d in self.parts]:
             f.result()
 
 
@@ -126,10 +141,7 @@ class Result:
 def run_case(case, rounds, target, threads, pool):
     contenders = {"kix": case.kix, **case.peers}
     if case.bytes:
-        copy = CopyBound(case.bytes, threads, pool)
-        contenders["copy 1 thread"] = copy.one
-        if threads > 1:
-            contenders[f"copy {threads} threads"] = copy.many
+        contenders.update(CopyBound(case.bytes, threads, pool).contenders())
     # One call each: warms caches and plans, gives outputs to compare and a first time.
     first, inner, mismatched = {}, {}, []
     reference = None
@@ -309,7 +321,8 @@ def table(results):
             row.append("—" if t is None else f"{fmt_time(t)} ({k / t:.2f}×){mark}")
         if bounded:
             t = r.times.get("copy bound")
-            row.append("—" if t is None else f"{fmt_time(t)} ({k / t:.2f}×)")
+            how = r.bound.removeprefix("copy ")  # which copy was fastest
+            row.append("—" if t is None else f"{fmt_time(t)} ({k / t:.2f}×, {how})")
         rows.append(row)
     return head, rows
 
@@ -364,10 +377,12 @@ contenders of a case ran on the same data, interleaved round after round; each
 time is the best round.  This machine is shared and noisy (20-40 % between
 runs), so compare the ratios inside one table, never times across tables.
 A ratio is kix's time divided by the peer's (below 1: kix is faster).  The copy
-bound is `numpy.copyto` over the bytes the operation must read plus write (half
-copied into the other half), the faster of one thread and of the run's thread
-count (halves copied side by side); kix/bound near 1 means kix runs at memory
-speed.  FFTW is the raw library (bench/fftw_peer.cpp, FFTW_MEASURE plans,
+bound is the fastest copy, in the same rounds, of half the bytes the operation
+must read plus write into the other half: plain stores (`numpy.positive` over
+8-byte words) or memmove (`numpy.copyto`), on one thread or on the run's
+threads (parts side by side).  kix/bound near 1 means kix runs at memory speed;
+an operation that reads more than it writes can beat a copy of the same bytes,
+since a copy writes half of them and every written line is read first.  FFTW is the raw library (bench/fftw_peer.cpp, FFTW_MEASURE plans,
 execution time only).  ≠ marks a peer whose output did not match kix's.
 """
 
