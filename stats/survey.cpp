@@ -1,5 +1,6 @@
 // The survey family's generic kernels, the choice between generic and
 // vectorised forms, the first-occurrence scan and the block-average reduction.
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <type_traits>
@@ -10,8 +11,14 @@
 
 namespace kix::stats {
 
+namespace {
+std::atomic<int> gIsaCap{0};
+}
+
+void limit_isa_level(int level) noexcept { gIsaCap = level; }
+
 int isa_level() noexcept {
-    static const int level = [] {
+    static const int detected = [] {
         __builtin_cpu_init();
         if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
             __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
@@ -21,7 +28,8 @@ int isa_level() noexcept {
             return 2;
         return 1;
     }();
-    return level;
+    const int cap = gIsaCap;
+    return cap > 0 && cap < detected ? cap : detected;
 }
 
 // Calls the widest instance of a vectorised kernel the processor runs.

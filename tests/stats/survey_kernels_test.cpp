@@ -14,6 +14,7 @@
 
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
+#include "stats/simd.hpp"
 
 namespace {
 
@@ -93,11 +94,18 @@ void expect_sum(double got, long double want, long double magnitude, std::int64_
     EXPECT_LE(std::fabs(static_cast<long double>(got) - want), tol) << "got " << got << " want " << double(want);
 }
 
+// The vectorised forms exist per instruction set (AVX-512, AVX2, SSE2);
+// capping the level reaches the narrower ones on any processor.
+const int kLevels[] = {1, 2, 3};
+
 template <class T>
 class SurveyTyped : public ::testing::Test {
 protected:
     void SetUp() override { kix::set_use_simd(true); }
-    void TearDown() override { kix::set_use_simd(true); }
+    void TearDown() override {
+        kix::set_use_simd(true);
+        kix::stats::limit_isa_level(0);
+    }
 };
 using AllTypes = ::testing::Types<std::int8_t, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t,
                                   std::uint32_t, float, double>;
@@ -110,10 +118,13 @@ TYPED_TEST(SurveyTyped, GenericAndVectorMatchTheReference) {
         for (bool padded : {false, true}) {
             Img<T> img = random_image<T>(s.nx, s.ny, s.nz, padded, seed++);
             const RefSurvey ref = ref_survey(img);
-            const auto gen = kix::stats::survey_generic(img.data(), img.g);
-            const auto vec = kix::stats::survey_vector(img.data(), img.g);
+            std::vector<kix::stats::SurveyResult> forms = {kix::stats::survey_generic(img.data(), img.g)};
+            for (int level : kLevels) {
+                kix::stats::limit_isa_level(level);
+                forms.push_back(kix::stats::survey_vector(img.data(), img.g));
+            }
             SCOPED_TRACE(testing::Message() << s.nx << "x" << s.ny << "x" << s.nz << (padded ? " padded" : ""));
-            for (const auto& r : {gen, vec}) {
+            for (const auto& r : forms) {
                 EXPECT_EQ(r.count, std::uint64_t(img.g.count()));
                 EXPECT_EQ(r.min, ref.min);
                 EXPECT_EQ(r.max, ref.max);
@@ -209,6 +220,7 @@ template <class T>
 class DifferenceTyped : public ::testing::Test {
 protected:
     void SetUp() override { kix::set_use_simd(true); }
+    void TearDown() override { kix::stats::limit_isa_level(0); }
 };
 using DifferenceTypes = ::testing::Types<std::int8_t, std::int16_t, float, double>;
 TYPED_TEST_SUITE(DifferenceTyped, DifferenceTypes);
@@ -228,8 +240,13 @@ TYPED_TEST(DifferenceTyped, SevenSumsMatchTheReference) {
                 mag[i] += std::fabs(terms[i]);
             }
         }
-        for (auto* f : {&kix::stats::survey_difference_generic<T>, &kix::stats::survey_difference_vector<T>}) {
-            const auto r = f(a.data(), a.g, b.data(), b.g);
+        std::vector<kix::stats::SurveyDifferenceResult> forms = {
+            kix::stats::survey_difference_generic(a.data(), a.g, b.data(), b.g)};
+        for (int level : kLevels) {
+            kix::stats::limit_isa_level(level);
+            forms.push_back(kix::stats::survey_difference_vector(a.data(), a.g, b.data(), b.g));
+        }
+        for (const auto& r : forms) {
             const double got[7] = {r.sum1, r.sum_sq1, r.sum2, r.sum_sq2, r.sum_diff, r.sum_sq_diff, r.sum_abs_diff};
             for (int i = 0; i < 7; ++i) expect_sum(got[i], want[i], mag[i], a.g.count());
         }
@@ -242,6 +259,7 @@ protected:
     void SetUp() override { kix::set_use_simd(true); }
     void TearDown() override {
         kix::set_use_simd(true);
+        kix::stats::limit_isa_level(0);
         omp_set_num_threads(2);
     }
 };
@@ -330,10 +348,13 @@ TYPED_TEST(LaneTyped, VectorisedLanesFollowTheRuleOnRandomTies) {
             // Few distinct values: extremes tie across lanes, rows and tails.
             for (std::int64_t p = 0; p < img.g.count(); ++p) img.at(p) = std::round(img.at(p) / 80);
             const auto want = lane_reference(img);
-            for (int threads : {1, 2}) {
+            for (int level : kLevels) {
+                kix::stats::limit_isa_level(level);
+                const int threads = level == 3 ? 1 : 2;
                 omp_set_num_threads(threads);
                 const auto got = kix::stats::minmax_lanes(img.data(), img.g);
-                SCOPED_TRACE(testing::Message() << s.nx << "x" << s.ny << "x" << s.nz << " threads " << threads);
+                SCOPED_TRACE(testing::Message() << s.nx << "x" << s.ny << "x" << s.nz << " level " << level
+                                                << " threads " << threads);
                 EXPECT_EQ(got.min, want.min);
                 EXPECT_EQ(got.max, want.max);
                 EXPECT_EQ(got.min_pos, want.min_pos);
