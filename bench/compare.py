@@ -252,7 +252,15 @@ class FFTWPlan:
 # ------------------------------------------------------------------ context
 
 class Context:
-    """What a section's cases(ctx) gets."""
+    """What a section's cases(ctx) gets:
+    host      a kix.Host with KIXSetNumThreads(threads) done
+    threads   the run's thread count (OpenCV is set to it too; numpy stays on one)
+    quick     a smoke run: pick small sizes with size(full, quick)
+    rng       numpy Generator, seeded
+    case(...) makes a Case: name, kix=, peers={name: callable}, bytes=, rtol=, note=
+    fftw(kind, x, axes=None, shape=None, threads=None)
+              a raw FFTW contender on a copy of x (see FFTWPeer.plan)
+    A contender is a callable returning its output; one with measure(n) times itself."""
 
     def __init__(self, host, quick, threads, fftw_program):
         self.host = host
@@ -341,7 +349,7 @@ def plain(head, rows):
     return "\n".join(out)
 
 
-def machine(ctx, host):
+def machine(threads, host):
     cpu = platform.processor()
     try:
         for line in open("/proc/cpuinfo"):
@@ -361,9 +369,9 @@ def machine(ctx, host):
         cv = cv2.__version__
     except ImportError:
         cv = "absent"
-    parts = [f"{cpu}, {os.cpu_count()} cores, {ctx.threads} threads", host.call("KIXGetVersionString"),
+    parts = [f"{cpu}, {os.cpu_count()} cores, {threads} threads", host.call("KIXGetVersionString"),
              f"commit {rev}" if rev else "", f"numpy {np.__version__}", f"scipy {scipy.__version__}",
-             f"OpenCV {cv}", ctx.fftw_version or ""]
+             f"OpenCV {cv}"]
     return "; ".join(p for p in parts if p)
 
 
@@ -382,12 +390,13 @@ must read plus write into the other half: plain stores (`numpy.positive` over
 8-byte words) or memmove (`numpy.copyto`), on one thread or on the run's
 threads (parts side by side).  kix/bound near 1 means kix runs at memory speed;
 an operation that reads more than it writes can beat a copy of the same bytes,
-since a copy writes half of them and every written line is read first.  FFTW is the raw library (bench/fftw_peer.cpp, FFTW_MEASURE plans,
-execution time only).  ≠ marks a peer whose output did not match kix's.
+since a copy writes half of them and every written line is read first.  FFTW
+is the raw library (bench/fftw_peer.cpp, FFTW_MEASURE plans, execution time
+only).  ≠ marks a peer whose output did not match kix's.
 """
 
 
-def section_block(name, module, results, ctx, host, seconds):
+def section_block(name, module, results, ctx, about_run, seconds):
     head, rows = table(results)
     title = getattr(module, "TITLE", name)
     text = [f"<!-- section: {name} -->", f"## {title}", ""]
@@ -395,7 +404,8 @@ def section_block(name, module, results, ctx, host, seconds):
     if about:
         text += [about, ""]
     when = datetime.datetime.now().strftime("%Y-%m-%d %H:%M")
-    text += [f"Run {when}{' (quick)' if ctx.quick else ''}, {seconds:.0f} s: {machine(ctx, host)}.", "",
+    fftw = f"; {ctx.fftw_version}" if ctx.fftw_version else ""
+    text += [f"Run {when}{' (quick)' if ctx.quick else ''}, {seconds:.0f} s: {about_run}{fftw}.", "",
              markdown(head, rows), "", f"<!-- end section: {name} -->"]
     return "\n".join(text)
 
@@ -443,9 +453,15 @@ def main(argv=None):
 
     host = kix.Host()
     host.call("KIXSetNumThreads", args.threads)
+    try:
+        import cv2
+        cv2.setNumThreads(args.threads)
+    except ImportError:
+        pass
     rounds = args.rounds or (3 if args.quick else 7)
     target = 0.005 if args.quick else 0.02  # seconds per timed block
     ctx = Context(host, args.quick, args.threads, build / "bench" / "fftw_peer")
+    about_run = machine(args.threads, host)
     blocks = {}
     pool = concurrent.futures.ThreadPoolExecutor(max(args.threads, 1))
     try:
@@ -462,7 +478,7 @@ def main(argv=None):
             summary = getattr(module, "summary", None)
             if summary:
                 print("   " + summary(results))
-            blocks[name] = section_block(name, module, results, ctx, host, seconds)
+            blocks[name] = section_block(name, module, results, ctx, about_run, seconds)
     finally:
         pool.shutdown()
         ctx.close()
