@@ -292,10 +292,11 @@ PYBIND11_MODULE(_kix, m) {
 
     py::class_<PyImage>(m, "Image", "A host image.  numpy() is a view of its pixels.")
         .def("numpy", &numpy_view, "The pixels as a numpy array without copying (x is the last axis).")
-        .def("__array__", [](py::object self, py::object dtype) {
+        .def("__array__", [](py::object self, py::object dtype, py::object copy) {
                 py::object a = numpy_view(self);
-                return dtype.is_none() ? a : a.attr("astype")(dtype);
-            }, py::arg("dtype") = py::none())
+                if (!dtype.is_none()) return a.attr("astype")(dtype, py::arg("copy") = copy.is_none() ? false : copy.cast<bool>());
+                return copy.is_none() || !copy.cast<bool>() ? a : a.attr("copy")();
+            }, py::arg("dtype") = py::none(), py::arg("copy") = py::none())
         .def_property_readonly("data_type", [](const PyImage& i) { return i.image->data_type; })
         .def_property_readonly("shape", [](const PyImage& i) { return py::tuple(py::cast(reversed(i.image->dims))); })
         .def_property_readonly("ndim", [](const PyImage& i) { return i.image->dims.size(); })

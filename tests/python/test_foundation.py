@@ -226,6 +226,7 @@ def test_round_trip(host, rng, code, shape):
     assert v.dtype == np.dtype(DTYPES[code]) and v.shape == shape
     np.testing.assert_array_equal(v, a)
     np.testing.assert_array_equal(np.asarray(img), a)
+    assert np.asarray(img).ctypes.data == v.ctypes.data  # np.asarray is the view too
 
 
 @pytest.mark.parametrize("make", [
@@ -319,6 +320,12 @@ def test_calibration_and_tags(host):
     img.set_tag("Microscope Info:Voltage", 200000.0)
     img.set_tag("Microscope Info:Name", "TEM")
     assert img.tags["Microscope Info"] == {"Voltage": 200000.0, "Name": "TEM"}
+    nested = {"n": 3, "big": 2**40, "x": 0.5, "flag": False, "list": [1, 2.5, "s", {"deep": True}, []], "g": {}}
+    img.set_tag("Nested", nested)
+    assert img.tags["Nested"] == nested
+    assert type(img.tags["Nested"]["flag"]) is bool
+    with pytest.raises(TypeError):
+        img.set_tag("Bad", object())
     img.name = "renamed"
     assert img.name == "renamed" and "renamed" in repr(img)
 
