@@ -11,8 +11,8 @@ struct Record {
 };
 std::mutex gMutex;
 std::map<std::string, Record, std::less<>>& table() {
-    static auto* t = new std::map<std::string, Record, std::less<>>();  // lives until unload
-    return *t;
+    static std::map<std::string, Record, std::less<>> t;  // lives until the module unloads
+    return t;
 }
 }  // namespace
 

@@ -43,7 +43,9 @@ public:
     // one "Data type should be Real.").
     explicit image(const Gatan::DM::Image& img)
         : Gatan::DM::Image(img),
-          locker_(std::make_shared<Gatan::PlugIn::ImageDataLocker>(img)) {
+          // Not make_shared: its type tag is a unique symbol that would pin the
+          // module in memory after the host unloads it.
+          locker_(new Gatan::PlugIn::ImageDataLocker(img)) {
         if (static_cast<int>(locker_->data_type()) != code_of<T>)
             view_type_error(code_of<T>, static_cast<int>(locker_->data_type()));
         ndim_ = locker_->num_dimensions();
