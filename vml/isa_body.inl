@@ -92,11 +92,14 @@ template <class V>
 inline V splat(elem<V> s) {
     return V{} + s;
 }
+// Reduced through 64-bit words: a lane-by-lane loop costs more than the maths.
 template <class M>
 inline bool any(M m) {
-    bool r = false;
-    for (int k = 0; k < int(sizeof(M) / sizeof(m[0])); ++k) r |= m[k] != 0;
-    return r;
+    std::uint64_t w[sizeof(M) / 8];
+    std::memcpy(w, &m, sizeof m);
+    std::uint64_t r = 0;
+    for (std::size_t k = 0; k < sizeof(M) / 8; ++k) r |= w[k];
+    return r != 0;
 }
 template <class M>
 inline bool all(M m) {
