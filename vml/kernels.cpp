@@ -95,7 +95,8 @@ const simd::Table<E>& table() noexcept {
 }
 
 // Runs f(first, count) over [0, n): on the calling thread for small n,
-// otherwise in 64 Ki chunks, each thread taking one contiguous run of chunks.
+// otherwise in 64 Ki chunks handed out as threads come free, so that a thread
+// the system delays (the cores are shared) does not hold up the others.
 template <class F>
 void chunked(std::int64_t n, F&& f) {
     if (n <= 2 * kChunk) {
@@ -103,7 +104,7 @@ void chunked(std::int64_t n, F&& f) {
         return;
     }
     const std::int64_t chunks = (n + kChunk - 1) / kChunk;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(dynamic)
     for (std::int64_t c = 0; c < chunks; ++c) {
         const std::int64_t first = c * kChunk;
         f(first, std::min(kChunk, n - first));
