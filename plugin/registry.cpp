@@ -29,7 +29,12 @@ void add_functions(const std::string& prefix, std::span<const ScriptFunction> ta
 std::int32_t PadSizeDM(std::int32_t n) {
     Call call("PadSizeDM");
     if (n < 0) fail("Invalid image size.");
-    return static_cast<std::int32_t>(vorn::dm::PadSize(static_cast<std::uint32_t>(n)));
+    // The padding works in unsigned 32 bits; a padded size that wrapped or does
+    // not fit the script's long is no size at all.
+    const std::uint32_t padded = vorn::dm::PadSize(static_cast<std::uint32_t>(n));
+    if (padded < static_cast<std::uint32_t>(n) || padded > static_cast<std::uint32_t>(INT32_MAX))
+        fail("Invalid image size.");
+    return static_cast<std::int32_t>(padded);
 }
 
 std::int32_t ToDMDataTypeDM(std::int32_t eType) {

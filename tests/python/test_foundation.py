@@ -193,6 +193,14 @@ def test_pad_size_golden_and_reference(host):
         assert host.library_call("KIXPadSize", n) == pad_size(n), n
 
 
+def test_pad_size_refuses_what_does_not_fit_a_long(host):
+    # Sizes whose padded value passes 2**31 - 1 (or wraps 32 bits) have no answer.
+    for n in (-1, 2**31 - 1, 2**31 - 2**27):
+        with pytest.raises(kix.ScriptError, match=r"^Invalid image size\.$"):
+            host.library_call("KIXPadSize", n)
+    assert host.library_call("KIXPadSize", 2**30) == 2**30
+
+
 # -------------------------------------------------------------- version gate
 
 def test_version_gate_refuses_old_host():
