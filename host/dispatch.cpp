@@ -125,8 +125,10 @@ int score(const Type& t, const Value& v) {
             if (!o || o->kind() != Object::Kind::Image) return 0;
             switch (t.image_class) {
                 case ImageClass::Any: return 3;
-                case ImageClass::Complex: return is_complex_type(static_cast<const Image*>(o)->data_type) ? 4 : 0;
-                case ImageClass::Real: return is_complex_type(static_cast<const Image*>(o)->data_type) ? 0 : 4;
+                // The pointer classes only steer overloads: like the host's
+                // interpreter, any image is passed, and the handler judges its type.
+                case ImageClass::Complex: return is_complex_type(static_cast<const Image*>(o)->data_type) ? 4 : 1;
+                case ImageClass::Real: return is_complex_type(static_cast<const Image*>(o)->data_type) ? 1 : 4;
             }
             return 0;
         case Base::TagGroup:

@@ -326,6 +326,10 @@ def test_every_message_of_the_family(host, rng):
     raises(host, "All data type should be same.", UNARY, "KIXSinCos", r4, r8, None)
     raises(host, "All data type should be same.", UNARY, "KIXModf", r4, r4, i16)
     raises(host, BIR, UNARY, "KIXSinCos", c8, None, None)
+    # Complex-only members receive real images too; the handler refuses them.
+    raises(host, COMPLEX, UNARY, "KIXConj", r4, None)
+    raises(host, COMPLEX, BINARY, "KIXMulByConj", c8, r4, None)
+    raises(host, "Invalid data type.", UNARY, "KIXCIS", r4, r8)
 
 
 def test_views_must_be_contiguous_and_apart(host):
