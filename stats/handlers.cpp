@@ -91,39 +91,44 @@ void SurveyDifferenceDM(const Image& a, const Image& b, double* fSum1, double* f
 }
 
 // ---------------------------------------------------------- extreme values
-void MinMaxDM(const Image& src, std::int32_t* nMinX, std::int32_t* nMinY, std::int32_t* nMinZ, double* fMin,
-              std::int32_t* nMaxX, std::int32_t* nMaxY, std::int32_t* nMaxZ, double* fMax) {
-    Call call("MinMaxDM");
+namespace {
+
+// One extreme-value scan over the types of `List`, written back as positions and values.
+template <class List, class Scan>
+void extremes(const Image& src, const char* type_message, Scan scan, std::int32_t* nMinX, std::int32_t* nMinY,
+              std::int32_t* nMinZ, double* fMin, std::int32_t* nMaxX, std::int32_t* nMaxY, std::int32_t* nMaxZ,
+              double* fMax) {
     Geometry g;
-    const stats::MinMaxResult r =
-        dispatch(real_integer_types{}, data_type(src), "Invalid data type.", [&](auto t) {
-            using T = typename decltype(t)::type;
-            image<T> v(src);
-            g = geometry(v);
-            return stats::minmax(v.data(), g);
-        });
+    const stats::MinMaxResult r = dispatch(List{}, data_type(src), type_message, [&](auto t) {
+        using T = typename decltype(t)::type;
+        image<T> v(src);
+        g = geometry(v);
+        return scan(v.data(), g);
+    });
     put_position(nMinX, nMinY, nMinZ, r.min_pos, g);
     put(fMin, r.min);
     put_position(nMaxX, nMaxY, nMaxZ, r.max_pos, g);
     put(fMax, r.max);
 }
 
+}  // namespace
+
+void MinMaxDM(const Image& src, std::int32_t* nMinX, std::int32_t* nMinY, std::int32_t* nMinZ, double* fMin,
+              std::int32_t* nMaxX, std::int32_t* nMaxY, std::int32_t* nMaxZ, double* fMax) {
+    Call call("MinMaxDM");
+    extremes<real_integer_types>(
+        src, "Invalid data type.", [](const auto* p, const Geometry& g) { return stats::minmax(p, g); }, nMinX,
+        nMinY, nMinZ, fMin, nMaxX, nMaxY, nMaxZ, fMax);
+}
+
 void MinMaxStableDM(const Image& src, std::int32_t* nMinX, std::int32_t* nMinY, std::int32_t* nMinZ,
                     double* fMin, std::int32_t* nMaxX, std::int32_t* nMaxY, std::int32_t* nMaxZ,
                     double* fMax) {
     Call call("MinMaxStableDM");
-    Geometry g;
-    const stats::MinMaxResult r =
-        dispatch(real_types{}, data_type(src), "Data type should be Real 4 or Real 8.", [&](auto t) {
-            using T = typename decltype(t)::type;
-            image<T> v(src);
-            g = geometry(v);
-            return stats::minmax_stable(v.data(), g);
-        });
-    put_position(nMinX, nMinY, nMinZ, r.min_pos, g);
-    put(fMin, r.min);
-    put_position(nMaxX, nMaxY, nMaxZ, r.max_pos, g);
-    put(fMax, r.max);
+    extremes<real_types>(
+        src, "Data type should be Real 4 or Real 8.",
+        [](const auto* p, const Geometry& g) { return stats::minmax_stable(p, g); }, nMinX, nMinY, nMinZ, fMin,
+        nMaxX, nMaxY, nMaxZ, fMax);
 }
 
 double MinDM(const Image& src, std::int32_t* nX, std::int32_t* nY, std::int32_t* nZ) {
