@@ -295,9 +295,9 @@ def discover():
     for path in sorted(SECTIONS.glob("*.py")):
         if path.name.startswith("_"):
             continue
-        spec = importlib.util.spec_from_file_location(f"kix_bench_{path.stem}", path)
-        module = importlib.util.module_from_spec(spec)
-        spec.loader.exec_module(module)
+        location = importlib.util.spec_from_file_location(f"kix_bench_{path.stem}", path)
+        module = importlib.util.module_from_spec(location)
+        location.loader.exec_module(module)
         found[path.stem] = module
     return found
 

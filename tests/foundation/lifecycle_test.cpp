@@ -11,6 +11,7 @@
 
 #include "host/host.hpp"
 #include "host/signature.hpp"
+#include "support/host_support.hpp"
 #include "sdk/kix_host_abi.h"
 
 namespace {
@@ -23,34 +24,8 @@ Value library(Host& h, std::string_view name, std::vector<Value> args = {}) {
 }
 std::int64_t integer(const Value& v) { return std::get<std::int64_t>(v); }
 
-struct Counter {
-    std::int32_t count;
-    double ticks;
-};
-// The trace counters as the module reports them: one sub-group per counter
-// holding "Ticks" (seconds) and "Count".
-std::map<std::string, Counter> counters(Host& h) {
-    const Value v = call(h, "KIXDLLTraceGetCounter");
-    const auto& g = static_cast<const TagGroup&>(*std::get<ObjectPtr>(v));
-    EXPECT_FALSE(g.is_list);
-    std::map<std::string, Counter> out;
-    for (const TagGroup::Tag& t : g.tags) {
-        const auto& sub = *std::get<TagGroupPtr>(t.value);
-        EXPECT_EQ(sub.tags.size(), 2u) << t.label;
-        out[t.label] = {std::get<std::int32_t>(*sub.get("Count")), std::get<double>(*sub.get("Ticks"))};
-    }
-    return out;
-}
-
-std::string script_error(const std::function<void()>& f, std::string* context = nullptr) {
-    try {
-        f();
-    } catch (const ScriptError& e) {
-        if (context) *context = e.context();
-        return e.what();
-    }
-    return "<no error>";
-}
+using kixtest::script_error;
+std::map<std::string, kixtest::Counter> counters(Host& h) { return kixtest::trace_counters(h); }
 
 TEST(Registry, HoldsTheFoundationEntriesInRegistrationOrder) {
     Host h;

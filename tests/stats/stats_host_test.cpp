@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/host.hpp"
+#include "support/host_support.hpp"
 
 namespace {
 
@@ -79,22 +80,12 @@ protected:
         return img;
     }
     std::map<std::string, std::int32_t> counts() {
-        std::vector<Value> none;
-        const Value v = h.call("KIXDLLTraceGetCounter", none).result;
-        const auto& g = static_cast<const TagGroup&>(*std::get<ObjectPtr>(v));
         std::map<std::string, std::int32_t> out;
-        for (const TagGroup::Tag& t : g.tags)
-            out[t.label] = std::get<std::int32_t>(*std::get<TagGroupPtr>(t.value)->get("Count"));
+        for (const auto& [name, c] : kixtest::trace_counters(h)) out[name] = c.count;
         return out;
     }
-    std::string error_of(const std::function<void()>& f, std::string* context = nullptr) {
-        try {
-            f();
-        } catch (const ScriptError& e) {
-            if (context) *context = e.context();
-            return e.what();
-        }
-        return "<no error>";
+    static std::string error_of(const std::function<void()>& f, std::string* context = nullptr) {
+        return kixtest::script_error(f, context);
     }
 };
 
