@@ -1,0 +1,28 @@
+"""The guided tour that `make demo` runs: it must run to the end, agree with
+numpy where it prints both, and write its figures."""
+import os
+import re
+import subprocess
+import sys
+
+import pytest
+
+TOUR = os.path.join(os.path.dirname(__file__), "..", "..", "examples", "tour.py")
+
+
+def test_tour_runs_and_agrees_with_numpy(tmp_path):
+    pytest.importorskip("matplotlib")
+    run = subprocess.run([sys.executable, TOUR, "--out", str(tmp_path)], capture_output=True, text=True,
+                         timeout=300)
+    assert run.returncode == 0, run.stderr
+    out = run.stdout
+    survey = re.search(r"KIXSurvey: (.*)\nnumpy    : (.*)\n", out)
+    assert survey and survey.group(1) == survey.group(2)
+    median = re.search(r"KIXMedian (\S+)\s+numpy.median (\S+)", out)
+    assert median and float(median.group(1)) == float(median.group(2))
+    assert "largest difference 0\n" in out
+    assert "ScriptError('Data type should be Complex.') from kix::vml::vml_expr2DM" in out
+    assert "ScriptError('Data type should be Binary, Integer or Real.') from kix::vml::vml_expr1DM" in out
+    for name in ("diffraction.png", "median_stack.png"):
+        with open(tmp_path / name, "rb") as f:
+            assert f.read(8) == b"\x89PNG\r\n\x1a\n"
