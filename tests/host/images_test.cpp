@@ -10,6 +10,7 @@
 #include <map>
 
 #include "host/host.hpp"
+#include "support/host_support.hpp"
 #include "host/pixels.hpp"
 #include "sdk/kix_host_abi.h"
 
@@ -30,23 +31,9 @@ ImagePtr adopt_image(Tok t) {
 const std::map<int, int> kBytes = {{1, 2}, {2, 4},  {3, 8},   {6, 1},  {7, 4},  {9, 1},
                                    {10, 2}, {11, 4}, {12, 8}, {13, 16}, {14, 1}, {23, 4}};
 
-class HostImages : public ::testing::Test {
+class HostImages : public kixtest::HostFunctions {
 protected:
-    static void SetUpTestSuite() { host_ = new Host(); }
-    static void TearDownTestSuite() {
-        delete host_;
-        host_ = nullptr;
-    }
-    template <class F>
-    static F fn(const char* prototype) {
-        void* p = host_->find_function(prototype);
-        EXPECT_NE(p, nullptr) << prototype;
-        return reinterpret_cast<F>(p);
-    }
-    static Tok str(const std::string& s) {
-        const KixHostCallbacks* c = host_->callbacks();
-        return c->string_new(c->host, s.data(), s.size());
-    }
+    static Tok str(const std::string& s) { return new_string(s); }
     static std::string text(Tok s) {
         const KixHostCallbacks* c = host_->callbacks();
         std::size_t n = 0;
@@ -57,9 +44,7 @@ protected:
     static T* px(const ImagePtr& i) {
         return reinterpret_cast<T*>(i->data());
     }
-    static Host* host_;
 };
-Host* HostImages::host_ = nullptr;
 
 TEST_F(HostImages, EveryHostPrototypeIsAnsweredByItsExactText) {
     const char* prototypes[] = {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/host.hpp"
+#include "support/host_support.hpp"
 #include "sdk/kix_host_abi.h"
 
 namespace {
@@ -42,27 +43,11 @@ TEST(TagGroupPaths, SetMakesTheGroupsOnTheWayAndReplacesValues) {
     EXPECT_THROW(g->set("", 1.0), std::invalid_argument);
 }
 
-class TagFunctions : public ::testing::Test {
+class TagFunctions : public kixtest::HostFunctions {
 protected:
-    static void SetUpTestSuite() { host_ = new Host(); }
-    static void TearDownTestSuite() {
-        delete host_;
-        host_ = nullptr;
-    }
-    template <class F>
-    static F fn(const char* prototype) {
-        void* p = host_->find_function(prototype);
-        EXPECT_NE(p, nullptr) << prototype;
-        return reinterpret_cast<F>(p);
-    }
-    static ObjectPtr str(const std::string& s) {
-        const KixHostCallbacks* c = host_->callbacks();
-        return adopt(c->string_new(c->host, s.data(), s.size()));
-    }
+    static ObjectPtr str(const std::string& s) { return adopt(new_string(s)); }
     static std::string text(Tok s) { return static_cast<String*>(reinterpret_cast<Object*>(s))->text; }
-    static Host* host_;
 };
-Host* TagFunctions::host_ = nullptr;
 
 TEST_F(TagFunctions, SetCountAndReadBackAsText) {
     auto new_group = fn<Tok (*)()>("TagGroup NewTagGroup(  )");

@@ -14,6 +14,7 @@
 #include "vml/kernels.hpp"
 
 namespace k = kix::vml::kernels;
+using kixtest::for_each_isa;
 using namespace kixtest;
 using LD = long double;
 using cl = std::complex<LD>;
@@ -21,16 +22,6 @@ using cl = std::complex<LD>;
 namespace {
 
 constexpr int kSamples = 1500;  // per range, per member, per type, per instruction set
-
-template <class F>
-void for_each_isa(F f) {
-    for (const char* isa : {"SSE2", "AVX2", "AVX-512F"}) {
-        if (!k::force_isa(isa)) continue;
-        SCOPED_TRACE(isa);
-        f();
-    }
-    k::force_isa(nullptr);
-}
 
 // erf^-1 by bisection on erfl (erfcl above 0.5, where 1 - x is exact):
 // independent of the kernel's Halley iteration.

@@ -16,21 +16,12 @@
 #include "vml/kernels.hpp"
 
 namespace k = kix::vml::kernels;
+using kixtest::for_each_isa;
 using namespace kixtest;
 using LD = long double;
 using cl = std::complex<LD>;
 
 namespace {
-
-template <class F>
-void for_each_isa(F f) {
-    for (const char* isa : {"SSE2", "AVX2", "AVX-512F"}) {
-        if (!k::force_isa(isa)) continue;
-        SCOPED_TRACE(isa);
-        f();
-    }
-    k::force_isa(nullptr);
-}
 
 const std::int64_t kSizes[] = {1, 3, 7, 15, 16, 17, 31, 64, 127, 1000003};
 
