@@ -68,7 +68,7 @@ void ReadBound(benchmark::State& state) {
 template <class T>
 void Survey(benchmark::State& state) {
     const auto& v = data<T>();
-    const kix::stats::Geometry g = kix::stats::dense(4096, kPixels / 4096);
+    const kix::Geometry g = kix::dense(4096, kPixels / 4096);
     kix::set_use_simd(state.range(0) != 0);
     for (auto _ : state) benchmark::DoNotOptimize(kix::stats::survey(v.data(), g));
     setup(state, kPixels * sizeof(T));
@@ -77,7 +77,7 @@ void Survey(benchmark::State& state) {
 template <class T>
 void MinMax(benchmark::State& state) {
     const auto& v = data<T>();
-    const kix::stats::Geometry g = kix::stats::dense(4096, kPixels / 4096);
+    const kix::Geometry g = kix::dense(4096, kPixels / 4096);
     kix::set_use_simd(state.range(0) != 0);
     for (auto _ : state) benchmark::DoNotOptimize(kix::stats::minmax(v.data(), g));
     setup(state, kPixels * sizeof(T));
@@ -86,7 +86,7 @@ void MinMax(benchmark::State& state) {
 template <class T>
 void Median(benchmark::State& state) {
     const auto& v = data<T>();
-    const kix::stats::Geometry g = kix::stats::dense(4096, kPixels / 4096);
+    const kix::Geometry g = kix::dense(4096, kPixels / 4096);
     for (auto _ : state) benchmark::DoNotOptimize(kix::stats::median(v.data(), g));
     setup(state, kPixels * sizeof(T));
 }
@@ -94,7 +94,7 @@ void Median(benchmark::State& state) {
 template <class T>
 void MedianZ(benchmark::State& state) {
     const auto& v = data<T>();  // the first 16 Mi values as 1024 x 1024 x 16
-    const kix::stats::Geometry g = kix::stats::dense(1024, 1024, 16);
+    const kix::Geometry g = kix::dense(1024, 1024, 16);
     std::vector<T> out(1024 * 1024);
     kix::set_use_simd(state.range(0) != 0);
     for (auto _ : state) {

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include "sdk/host_function.hpp"
+
 namespace kix::host {
 namespace {
 
@@ -11,63 +13,10 @@ using Tok = KixObject*;
 
 KixObject* tok(const Object& o) { return o.get(); }
 
-// One host function: its prototype text and the handle cached on first use.
-// The lookup runs once per process (a failed lookup is retried on the next call).
-template <class Sig>
-class HostFunction;
-
-template <class R, class... A>
-class HostFunction<R(A...)> {
-public:
-    using Fn = R (*)(A...);
-    explicit constexpr HostFunction(const char* prototype) : prototype_(prototype) {}
-    Fn get() {
-        std::call_once(once_, [this] { fn_ = reinterpret_cast<Fn>(lookup(prototype_)); });
-        return fn_;
-    }
-    template <class... B>
-    R operator()(B&&... b) { return get()(std::forward<B>(b)...); }
-
-private:
-    const char* prototype_;
-    std::once_flag once_;
-    Fn fn_ = nullptr;
-    friend class HostFunction<R(A..., ...)>;
-
-public:
-    static void* lookup(const char* prototype) {
-        const KixHostCallbacks& c = Gatan::PlugIn::Callbacks();
-        void* f = c.find_function(c.host, prototype);
-        if (f == nullptr)
-            throw Gatan::PlugIn::dmplugin_exception(
-                std::string("A function of the following prototype can not be found:\n\n") + prototype);
-        return f;
-    }
-};
-
-template <class R, class... A>
-class HostFunction<R(A..., ...)> {
-public:
-    using Fn = R (*)(A..., ...);
-    explicit constexpr HostFunction(const char* prototype) : prototype_(prototype) {}
-    Fn get() {
-        std::call_once(once_, [this] { fn_ = reinterpret_cast<Fn>(HostFunction<R(A...)>::lookup(prototype_)); });
-        return fn_;
-    }
-
-private:
-    const char* prototype_;
-    std::once_flag once_;
-    Fn fn_ = nullptr;
-};
-
 // Results that carry a reference become owning handles.
 Image image(Tok t) { return Image(Object::Adopt(t)); }
 String string(Tok t) { return String(Object::Adopt(t)); }
 TagGroup tags(Tok t) { return TagGroup(Object::Adopt(t)); }
-
-#define KIX_HOST(name, sig, proto) \
-    static HostFunction<sig> name { proto }
 
 }  // namespace
 
@@ -321,19 +270,3 @@ void WriteOutput(const std::string& text) {
 }
 
 }  // namespace kix::host
-
-namespace Gatan::PlugIn {
-
-ImageDataLocker::ImageDataLocker(const DM::Image& image)
-    : lock_(kix::host::ImageGetLockedData(image, 0)) {
-    data_ = kix::host::ImageData_GetSlice(lock_, 0, 5, &ndim_, &data_type_, &pack_style_, info_);
-}
-
-std::int64_t ImageDataLocker::pitch(std::uint32_t dim) const {
-    if (dim < ndim_) return info_[2 * dim + 1];
-    // A dimension the image lacks: one step past the whole last dimension.
-    if (ndim_ == 0) return 0;
-    return pitch(ndim_ - 1) * size(ndim_ - 1);
-}
-
-}  // namespace Gatan::PlugIn

@@ -4,8 +4,8 @@
 #include <memory>
 
 #include "plugin/handler.hpp"
-#include "plugin/registrars.hpp"
 #include "plugin/registry.hpp"
+#include "runtime/runtime.hpp"
 #include "sdk/script_glue.hpp"
 
 #define KIX_EXPORT __attribute__((visibility("default")))
@@ -17,14 +17,14 @@ class MyPlugIn final : public Gatan::PlugIn::PlugInMain {
 public:
     ~MyPlugIn() override = default;
     // The registration master: the module registrars in their fixed order,
-    // then the master's own entries.
+    // then the master's own entries.  The SIMD registrar fills the
+    // processor-feature record that the kernels consult from then on.
     void Start() override {
         const std::string prefix = "KIX";
-        RegisterFilterSurvey(*this, prefix);
-        RegisterSIMD(*this, prefix);
-        RegisterVersion(*this, prefix);
-        vml::Register(*this, prefix);
-        RegisterMaster(*this, prefix);
+        for (List list : kStartupLists) {
+            if (list == List::SIMD) set_use_simd(true);
+            add_functions(prefix, list);
+        }
     }
     bool floating_windows_registered = false;
 };

@@ -1,22 +1,79 @@
-// The registry: how an entry reaches the host, the registration master's own
-// table, the filter-and-survey registrar, and the two registrar lists that
-// start-up deliberately never runs (their functions stay library functions).
 #include "plugin/registry.hpp"
 
 #include <deque>
 #include <mutex>
+#include <span>
 #include <stdexcept>
-
-#include "plugin/handler.hpp"
-#include "plugin/registrars.hpp"
-#include "runtime/runtime.hpp"
-#include "stats/handlers.hpp"
-#include "vml/vml.hpp"
+#include <string_view>
 
 namespace kix {
+namespace {
 
-void add_functions(const std::string& prefix, std::span<const ScriptFunction> table) {
-    for (const ScriptFunction& f : table) {
+struct Row {
+    List list;
+    ScriptFunction f;
+};
+
+std::vector<Row>& all_rows() {
+    static std::vector<Row> rows;  // filled by the families' static Rows objects
+    return rows;
+}
+
+std::string_view name_of(const char* prototype) {
+    std::string_view p(prototype);
+    return p.substr(0, p.find('('));
+}
+
+// The order of the lists that several families fill.  A list without an order
+// here belongs to one family and keeps the order of that family's rows.
+constexpr const char* kFilterSurvey[] = {
+    "MovingAverage2DLL", "MovingAverageDLL", "MedianFilterDLL", "SurveyDLL", "RadialSurveyDLL", "GetCenterOfMassDLL",
+    "WeightDLL", "FTWindowDLL", "MaximumFilterDLL", "DiffHDLL", "DiffVDLL"};
+constexpr const char* kMaster[] = {
+    "SetNumThreads", "GetNumThreads", "GetMaxThreads", "DLLTraceInit", "DLLTraceGetCounter", "ShellExec",
+    "GetSpecialDirectory", "CrossCorrelationMask", "Survey", "SurveyDifference", "Reduce", "MinMax", "Min", "Max",
+    "SelectImageFiles", "IsInvalidCharForFileName", "CreateImageDataFromBinaryDLL", "CreateImageDataFromTextDLL",
+    "LDivideDLL"};
+constexpr const char* kLibrary[] = {
+    "PadSize", "ToDMDataType", "OpenImage", "Polar", "AbsArg", "Abs", "Exp2", "Log2", "Pow", "CArg", "Norm",
+    "MovingAverage", "MovingAverage2", "MovingAverageX", "MovingAverageY", "MovingAverageZ", "GaussianBlur",
+    "MaximumFilter", "MinimumFilter", "MedianFilter", "NthElement", "Median", "MedianZ", "Survey",
+    "SurveyDifference", "MinMaxStable", "MinMax", "Min", "Max", "RadialSurvey", "Weight", "GetCenterOfMass",
+    "SortNumberedName", "FTWindow", "HanningWindow", "SineWindow", "VorbisWindow", "Mask",
+    "CrossCorrelationMaskWithDefocus", "Exec", "ExecWait", "ShellExec", "TransposeXZ", "TransposeYZ",
+    "SetNumThreads", "GetNumThreads", "GetMaxThreads", "GetSpecialDirectory", "SelectImageFiles"};
+
+std::span<const char* const> order_of(List list) {
+    switch (list) {
+        case List::FilterSurvey: return kFilterSurvey;
+        case List::Master: return kMaster;
+        case List::Library: return kLibrary;
+        default: return {};
+    }
+}
+
+}  // namespace
+
+Rows::Rows(List list, std::initializer_list<ScriptFunction> rows) {
+    for (const ScriptFunction& f : rows) all_rows().push_back({list, f});
+}
+
+std::vector<ScriptFunction> rows_of(List list) {
+    std::vector<ScriptFunction> out;
+    const std::span<const char* const> order = order_of(list);
+    if (order.empty()) {
+        for (const Row& r : all_rows())
+            if (r.list == list) out.push_back(r.f);
+        return out;
+    }
+    for (const char* name : order)
+        for (const Row& r : all_rows())
+            if (r.list == list && name_of(r.f.prototype) == name) out.push_back(r.f);
+    return out;
+}
+
+void add_functions(const std::string& prefix, List list) {
+    for (const ScriptFunction& f : rows_of(list)) {
         std::string signature = f.result;
         signature += prefix;
         signature += f.prototype;
@@ -24,143 +81,17 @@ void add_functions(const std::string& prefix, std::span<const ScriptFunction> ta
     }
 }
 
-// ------------------------------------------------------ data-type helpers
-
-std::int32_t PadSizeDM(std::int32_t n) {
-    Call call("PadSizeDM");
-    if (n < 0) fail("Invalid image size.");
-    // The padding works in unsigned 32 bits; a padded size that wrapped or does
-    // not fit the script's long is no size at all.
-    const std::uint32_t padded = vorn::dm::PadSize(static_cast<std::uint32_t>(n));
-    if (padded < static_cast<std::uint32_t>(n) || padded > static_cast<std::uint32_t>(INT32_MAX))
-        fail("Invalid image size.");
-    return static_cast<std::int32_t>(padded);
-}
-
-std::int32_t ToDMDataTypeDM(std::int32_t eType) {
-    Call call("ToDMDataTypeDM");
-    const unsigned long index = static_cast<unsigned long>(static_cast<long>(eType) + 1);
-    if (index >= 11) fail("Unknown data type.");
-    return vorn::dm::ToDMDataType(eType);
-}
-
-// --------------------------------------------------------------- registrars
-
-void RegisterFilterSurvey(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
-    static const ScriptFunction table[] = {
-        // MovingAverage2DLL, MovingAverageDLL, MedianFilterDLL come here with the filters.
-        // SURVEY-DLL ROW (SurveyDLL)
-        {"void ", "SurveyDLL(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum )",
-         entry<static_cast<Survey4>(SurveyDM)>()},
-        // RadialSurveyDLL ... DiffVDLL come here with their families.
-        {nullptr, nullptr, nullptr},
-    };
-    add_functions(prefix, std::span(table, std::size(table) - 1));
-}
-
-void RegisterMaster(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
-    static const ScriptFunction table[] = {
-        {"void ", "SetNumThreads(long n)", entry<SetNumThreadsDM>()},
-        {"long ", "GetNumThreads()", entry<GetNumThreadsDM>()},
-        {"long ", "GetMaxThreads()", entry<GetMaxThreadsDM>()},
-        {"void ", "DLLTraceInit()", entry<DLLTraceInitDM>()},
-        {"TagGroup ", "DLLTraceGetCounter()", entry<DLLTraceGetCounterDM>()},
-        // ShellExec, GetSpecialDirectory, CrossCorrelationMask come here with their families.
-        // MASTER SURVEY ROWS (Survey with six parameters, SurveyDifference, Reduce, MinMax, Min, Max)
-        {"void ",
-         "Survey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum, double * fSumAbs)",
-         entry<static_cast<Survey6>(SurveyDM)>()},
-        {"void ",
-         "SurveyDifference(ImageRef imgSrc1, ImageRef imgSrc2, double * fSum1, double * fSqSum1, double * fSum2, "
-         "double * fSqSum2, double * fSumDiff, double * fSumSqDiff, double * fSumAbsDiff)",
-         entry<SurveyDifferenceDM>()},
-        {"ImageRef ", "Reduce(ImageRef imgSrc)", entry<ReduceDM>()},
-        {"void ",
-         "MinMax(ImageRef imgSrc, long * nMinX, long * nMinY, long * nMinZ, double * fMin, long * nMaxX, "
-         "long * nMaxY, long * nMaxZ, double * fMax)",
-         entry<MinMaxDM>()},
-        {"double ", "Min(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MinDM>()},
-        {"double ", "Max(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MaxDM>()},
-        // SelectImageFiles ... LDivideDLL come here with their families.
-        {nullptr, nullptr, nullptr},
-    };
-    add_functions(prefix, std::span(table, std::size(table) - 1));
-}
-
-// ----------------------------------------------------- library-only lists
-
-namespace {
-
-std::vector<KixFunctionEntry> make_list(std::span<const ScriptFunction> table) {
-    std::vector<KixFunctionEntry> out;
-    static std::deque<std::string> texts;  // stable addresses for the module's lifetime
-    for (const ScriptFunction& f : table) {
-        if (f.result == nullptr) continue;
-        texts.push_back(std::string(f.result) + "KIX" + f.prototype);
-        out.push_back({texts.back().c_str(), f.entry});
-    }
-    return out;
-}
-
-}  // namespace
-
 const std::vector<KixFunctionEntry>& library_functions(int list) {
     static std::once_flag once;
     static std::vector<KixFunctionEntry> lists[2];
+    static std::deque<std::string> texts;  // stable addresses for the module's lifetime
     std::call_once(once, [] {
-        static const ScriptFunction larger[] = {
-            {"long ", "PadSize(long n)", entry<PadSizeDM>()},
-            {"long ", "ToDMDataType(long eType)", entry<ToDMDataTypeDM>()},
-            // OpenImage comes here with the file import.
-            // LIBRARY ELEMENT-WISE ROWS (Polar, Polar, AbsArg, Abs, Exp2, Log2, Pow, CArg, Norm)
-            {"ComplexImagePtr ", "Polar(ImageRef imgRho, ImageRef imgTheta, ComplexImagePtr imgDst)",
-             entry<static_cast<Image (*)(const Image&, const Image&, const Image&)>(&vml::PolarDM)>()},
-            {"ComplexImagePtr ", "Polar(ComplexImagePtr imgSrc, ComplexImagePtr imgDst)",
-             entry<static_cast<Image (*)(const Image&, const Image&)>(&vml::PolarDM)>()},
-            {"ComplexImagePtr ", "AbsArg(ComplexImagePtr imgSrc, ComplexImagePtr imgDst)", entry<vml::AbsArgDM>()},
-            {"ImageRef ", "Abs(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<vml::ComplexAbsDM>()},
-            {"ImageRef ", "Exp2(ImageRef imgSrc, ImageRef imgDst)", entry<vml::Exp2DM>()},
-            {"ImageRef ", "Log2(ImageRef imgSrc, ImageRef imgDst)", entry<vml::Log2DM>()},
-            {"ImageRef ", "Pow(ImageRef imgA, ImageRef imgB, ImageRef imgDst)", entry<vml::PowDM>()},
-            {"ImageRef ", "CArg(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<vml::CArgDM>()},
-            {"ImageRef ", "Norm(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<vml::NormDM>()},
-            // MovingAverage ... MedianFilter come here with the filters.
-            // LIBRARY STATISTICS ROWS (NthElement, Median, MedianZ, Survey, Survey, SurveyDifference,
-            //                          MinMaxStable, MinMax, Min, Max)
-            {"double ", "NthElement(ImageRef imgSrc, long n)", entry<NthElementDM>()},
-            {"double ", "Median(ImageRef imgSrc)", entry<MedianDM>()},
-            {"ImageRef ", "MedianZ(ImageRef imgSrc, ImageRef imgDst)", entry<MedianZDM>()},
-            {"void ",
-             "Survey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum, double * fSumAbs)",
-             entry<static_cast<Survey6>(SurveyDM)>()},
-            {"void ", "Survey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum)",
-             entry<static_cast<Survey4>(SurveyDM)>()},
-            {"void ",
-             "SurveyDifference(ImageRef imgSrc1, ImageRef imgSrc2, double * fSum1, double * fSqSum1, "
-             "double * fSum2, double * fSqSum2, double * fSumDiff, double * fSumSqDiff, double * fSumAbsDiff)",
-             entry<SurveyDifferenceDM>()},
-            {"void ",
-             "MinMaxStable(ImageRef imgSrc, long * nMinX, long * nMinY, long * nMinZ, double * fMin, "
-             "long * nMaxX, long * nMaxY, long * nMaxZ, double * fMax)",
-             entry<MinMaxStableDM>()},
-            {"void ",
-             "MinMax(ImageRef imgSrc, long * nMinX, long * nMinY, long * nMinZ, double * fMin, long * nMaxX, "
-             "long * nMaxY, long * nMaxZ, double * fMax)",
-             entry<MinMaxDM>()},
-            {"double ", "Min(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MinDM>()},
-            {"double ", "Max(ImageRef imgSrc, long * nX, long * nY, long * nZ)", entry<MaxDM>()},
-            // RadialSurvey ... TransposeYZ come here with their families.
-            {"void ", "SetNumThreads(long n)", entry<SetNumThreadsDM>()},
-            {"long ", "GetNumThreads()", entry<GetNumThreadsDM>()},
-            {"long ", "GetMaxThreads()", entry<GetMaxThreadsDM>()},
-            {nullptr, nullptr, nullptr},
-        };
-        lists[0] = make_list(larger);
-        static const ScriptFunction single[] = {
-            // ONE-ENTRY LIST ROW (GetSpecialDirectory)
-            {nullptr, nullptr, nullptr},
-        };
-        lists[1] = make_list(single);
+        const List which[2] = {List::Library, List::LibraryOne};
+        for (int i = 0; i < 2; ++i)
+            for (const ScriptFunction& f : rows_of(which[i])) {
+                texts.push_back(std::string(f.result) + "KIX" + f.prototype);
+                lists[i].push_back({texts.back().c_str(), f.entry});
+            }
     });
     if (list < 0 || list > 1) throw std::out_of_range("no such registrar list");
     return lists[list];

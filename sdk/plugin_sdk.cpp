@@ -1,4 +1,5 @@
 #include "plugin_sdk.hpp"
+#include "host_function.hpp"
 
 #include <atomic>
 #include <cstdio>
@@ -152,3 +153,28 @@ ErrorManager* GetErrorManager() {
 }
 
 }  // namespace Gatan
+
+namespace Gatan::PlugIn {
+
+// The locker asks for up to five dimensions, so that an image with more than
+// the four a view supports is seen as such (and refused by the view).
+ImageDataLocker::ImageDataLocker(const DM::Image& image) {
+    KIX_HOST(lock, KixObject*(KixObject*, std::uint32_t, KixObject*),
+             "ScriptObject ImageGetLockedData( BasicImage, ulong, ScriptObject )");
+    KIX_HOST(slice,
+             void*(KixObject*, std::uint32_t, std::uint32_t, std::uint32_t*, std::uint32_t*, std::uint32_t*, ...),
+             "void *ImageData_GetSlice( ScriptObject img_src, uint32 slice_index, uint32 des_num_dim, uint32 "
+             "*act_num_dim, uint32 *data_type, uint32 *pack_style, sint32 *dimension_info...)");
+    lock_ = DM::ScriptObject(Object::Adopt(lock(image.get(), 0, nullptr)));
+    // dimension_info receives the size and the byte pitch of each dimension.
+    data_ = slice.get()(lock_.get(), 0, 5, &ndim_, &data_type_, &pack_style_, info_);
+}
+
+std::int64_t ImageDataLocker::pitch(std::uint32_t dim) const {
+    if (dim < ndim_) return info_[2 * dim + 1];
+    // A dimension the image lacks: one step past the whole last dimension.
+    if (ndim_ == 0) return 0;
+    return pitch(ndim_ - 1) * size(ndim_ - 1);
+}
+
+}  // namespace Gatan::PlugIn

@@ -1,6 +1,5 @@
 #include "stats/handlers.hpp"
 
-#include <array>
 #include <string>
 
 #include "stats/kernels.hpp"
@@ -8,29 +7,11 @@
 namespace kix {
 namespace {
 
-using stats::Geometry;
+
 using vorn::dm::kInt16;
 using vorn::dm::kInt8;
 using vorn::dm::kReal4;
 using vorn::dm::kReal8;
-
-// The kernel geometry of a view.  A fourth dimension continues the planes when
-// it steps by whole planes, as it does in a whole image.
-template <class T>
-Geometry geometry(const image<T>& v) {
-    if (v.pitch(0) != std::int64_t(sizeof(T)) ||
-        (v.size(3) > 1 && v.pitch(3) != v.pitch(2) * v.size(2)))
-        vorn::dm::require_contiguous_error();
-    return {v.width(), v.height(), v.depth() * v.size(3), v.row_stride(), v.plane_stride()};
-}
-
-// Dimension sizes of an image as the host reports them, 1 for missing ones.
-std::array<std::int64_t, 4> sizes_of(const Image& img) {
-    std::array<std::int64_t, 4> s{1, 1, 1, 1};
-    const std::uint32_t n = host::ImageGetNumDimensions(img);
-    for (std::uint32_t i = 0; i < n && i < 4; ++i) s[i] = host::ImageGetDimensionSize(img, i);
-    return s;
-}
 
 template <class V>
 void put(V* out, V value) {
@@ -38,7 +19,7 @@ void put(V* out, V value) {
 }
 
 void put_position(std::int32_t* x, std::int32_t* y, std::int32_t* z, std::int64_t p, const Geometry& g) {
-    const stats::Position at = stats::position_of(p, g);
+    const Position at = position_of(p, g);
     put(x, static_cast<std::int32_t>(at.x));
     put(y, static_cast<std::int32_t>(at.y));
     put(z, static_cast<std::int32_t>(at.z));
@@ -49,12 +30,12 @@ void put_position(std::int32_t* x, std::int32_t* y, std::int32_t* z, std::int64_
 // ------------------------------------------------------------------ survey
 void SurveyDM(const Image& src, double* fMin, double* fMax, double* fSum, double* fSqsum, double* fSumAbs) {
     Call call("SurveyDM");
-    const stats::SurveyResult r =
-        dispatch(real_integer_types{}, data_type(src), "Invalid data type.", [&](auto t) {
-            using T = typename decltype(t)::type;
-            image<T> v(src);
-            return stats::survey(v.data(), geometry(v));
-        });
+    const pixels s(src);
+    const stats::SurveyResult r = dispatch(real_integer_types{}, s.code(), "Invalid data type.", [&](auto t) {
+        using T = typename decltype(t)::type;
+        const image<T> v(s);
+        return stats::survey(v.data(), v.geometry());
+    });
     put(fMin, r.min);
     put(fMax, r.max);
     put(fSum, r.sum);
@@ -70,16 +51,17 @@ void SurveyDM(const Image& src, double* fMin, double* fMax, double* fSum, double
 void SurveyDifferenceDM(const Image& a, const Image& b, double* fSum1, double* fSqSum1, double* fSum2,
                         double* fSqSum2, double* fSumDiff, double* fSumSqDiff, double* fSumAbsDiff) {
     Call call("SurveyDifferenceDM");
-    const int ta = data_type(a), tb = data_type(b);
+    const pixels pa(a), pb(b);
+    const int ta = pa.code(), tb = pb.code();
     auto listed = [](int c) { return c == kInt8 || c == kInt16 || c == kReal4 || c == kReal8; };
     if (!listed(ta) || !listed(tb)) fail("All data type should be Integer 1, Integer 2, Real 4 or Real 8.");
-    if (sizes_of(a) != sizes_of(b)) vorn::dm::require_same_size_error();
+    require_same_size({&pa, &pb});
     if (ta != tb) fail("Invalid data type.");  // no kernel mixes two pixel types
     using difference_types = types<std::int8_t, std::int16_t, float, double>;
     const stats::SurveyDifferenceResult r = dispatch(difference_types{}, ta, "Invalid data type.", [&](auto t) {
         using T = typename decltype(t)::type;
-        image<T> va(a), vb(b);
-        return stats::survey_difference(va.data(), geometry(va), vb.data(), geometry(vb));
+        const image<T> va(pa), vb(pb);
+        return stats::survey_difference(va.data(), va.geometry(), vb.data(), vb.geometry());
     });
     put(fSum1, r.sum1);
     put(fSqSum1, r.sum_sq1);
@@ -99,10 +81,11 @@ void extremes(const Image& src, const char* type_message, Scan scan, std::int32_
               std::int32_t* nMinZ, double* fMin, std::int32_t* nMaxX, std::int32_t* nMaxY, std::int32_t* nMaxZ,
               double* fMax) {
     Geometry g;
-    const stats::MinMaxResult r = dispatch(List{}, data_type(src), type_message, [&](auto t) {
+    const pixels s(src);
+    const stats::MinMaxResult r = dispatch(List{}, s.code(), type_message, [&](auto t) {
         using T = typename decltype(t)::type;
-        image<T> v(src);
-        g = geometry(v);
+        const image<T> v(s);
+        g = v.geometry();
         return scan(v.data(), g);
     });
     put_position(nMinX, nMinY, nMinZ, r.min_pos, g);
@@ -148,18 +131,19 @@ double MaxDM(const Image& src, std::int32_t* nX, std::int32_t* nY, std::int32_t*
 // ------------------------------------------------------------------ reduce
 Image ReduceDM(const Image& src) {
     Call call("ReduceDM");
-    const int code = data_type(src);
+    const pixels s(src);
+    const int code = s.code();
     Image out = dispatch(real_integer_types{}, code, "Invalid data type.", [&](auto t) {
         using T = typename decltype(t)::type;
-        image<T> v(src);
+        const image<T> v(s);
         const int ndim = static_cast<int>(v.num_dimensions());
         if (ndim < 1 || ndim > 3) fail("Invalid image size.");
         const std::string name = "Reduce of " + host::GetName(src).get_string();
         Image made = ndim == 1   ? new_image(name, code, {v.width() / 2})
                      : ndim == 2 ? new_image(name, code, {v.width() / 2, v.height() / 2})
                                  : new_image(name, code, {v.width() / 2, v.height() / 2, v.depth() / 2});
-        image<T> d(made);
-        stats::reduce(v.data(), geometry(v), ndim, d.data());
+        const image<T> d(made);
+        stats::reduce(v.data(), v.geometry(), ndim, d.data());
         return made;
     });
     changed(out);
@@ -169,10 +153,11 @@ Image ReduceDM(const Image& src) {
 // -------------------------------------------------------- order statistics
 double NthElementDM(const Image& src, std::int32_t n) {
     Call call("NthElementDM");
-    return dispatch(real_types{}, data_type(src), "All data type should be Real.", [&](auto t) -> double {
+    const pixels s(src);
+    return dispatch(real_types{}, s.code(), "All data type should be Real.", [&](auto t) -> double {
         using T = typename decltype(t)::type;
-        image<T> v(src);
-        const Geometry g = geometry(v);
+        const image<T> v(s);
+        const Geometry g = v.geometry();
         if (n < 0 || n >= g.count()) fail("n is out of range.");
         return stats::nth_element(v.data(), g, n);
     });
@@ -180,31 +165,33 @@ double NthElementDM(const Image& src, std::int32_t n) {
 
 double MedianDM(const Image& src) {
     Call call("MedianDM");
-    return dispatch(real_types{}, data_type(src), "All data type should be Real.", [&](auto t) -> double {
+    const pixels s(src);
+    return dispatch(real_types{}, s.code(), "All data type should be Real.", [&](auto t) -> double {
         using T = typename decltype(t)::type;
-        image<T> v(src);
-        return stats::median(v.data(), geometry(v));
+        const image<T> v(s);
+        return stats::median(v.data(), v.geometry());
     });
 }
 
 Image MedianZDM(const Image& src, const Image& dst) {
     Call call("MedianZDM");
-    const int code = data_type(src);
-    if (!vorn::dm::is_real_code(code)) fail("imgSrc should be Real.");
-    const std::array<std::int64_t, 4> s = sizes_of(src);
-    Image out = dst.IsValid() ? dst
-                              : new_image("MedianZ of " + host::GetName(src).get_string(), code,
-                                          {s[0], s[1]});
-    const std::array<std::int64_t, 4> d = sizes_of(out);
-    if (d[0] != s[0] || d[1] != s[1] || d[2] != 1 || d[3] != 1) fail("Invalid image size.");
+    const pixels s(src);
+    const int code = s.code();
+    KIX_CHECK(vorn::dm::is_real_code(code), "imgSrc should be Real.");
+    const Image out = dst.IsValid() ? dst
+                                    : new_image("MedianZ of " + host::GetName(src).get_string(), code,
+                                                {s.width(), s.height()});
+    const pixels d(out);
+    KIX_CHECK(d.width() == s.width() && d.height() == s.height() && d.depth() == 1 && d.size(3) == 1,
+              "Invalid image size.");
     dispatch(real_types{}, code, "imgSrc should be Real.", [&](auto ts) {
         using S = typename decltype(ts)::type;
-        image<S> vs(src);
-        dispatch(real_integer_types{}, data_type(out), "Invalid data type.", [&](auto td) {
+        const image<S> vs(s);
+        dispatch(real_integer_types{}, d.code(), "Invalid data type.", [&](auto td) {
             using D = typename decltype(td)::type;
-            image<D> vd(out);
+            const image<D> vd(d);
             vorn::dm::require_no_overlap(vs, vd);
-            stats::median_z(vs.data(), geometry(vs), vd.data(), vd.row_stride());
+            stats::median_z(vs.data(), vs.geometry(), vd.data(), vd.row_stride());
         });
     });
     changed(out);

@@ -15,7 +15,7 @@
 
 #include <cstdint>
 
-#include "stats/geometry.hpp"
+#include "stats/runs.hpp"
 
 namespace kix::stats {
 
@@ -129,9 +129,5 @@ template <class S, class D>
 void median_z(const S* src, const Geometry& g, D* dst, std::int64_t dst_row_stride);
 template <class S, class D>
 void median_z_generic(const S* src, const Geometry& g, D* dst, std::int64_t dst_row_stride);
-
-// The conversion median_z uses to store into a D pixel.
-template <class D, class S>
-D to_pixel(S v);
 
 }  // namespace kix::stats

@@ -24,6 +24,7 @@
 #include "stats/keys.hpp"
 #include "stats/select.hpp"
 #include "stats/simd.hpp"
+#include "vorn/dm/store.hpp"
 
 namespace kix::stats {
 
@@ -61,19 +62,6 @@ MedianNetwork median_network(std::int64_t n) {
     return net;
 }
 
-// -------------------------------------------------------------- storing
-template <class D, class S>
-D to_pixel(S v) {
-    if constexpr (std::is_floating_point_v<D>) {
-        return static_cast<D>(v);
-    } else {
-        if (std::isnan(v)) return D(0);
-        const double r = std::round(static_cast<double>(v));  // half away from zero
-        if (r <= static_cast<double>(std::numeric_limits<D>::lowest())) return std::numeric_limits<D>::lowest();
-        if (r >= static_cast<double>(std::numeric_limits<D>::max())) return std::numeric_limits<D>::max();
-        return static_cast<D>(r);
-    }
-}
 
 // ------------------------------------------------------------- median z
 namespace {
@@ -94,11 +82,7 @@ void median_z_row_generic(const S* src, std::int64_t nx, std::int64_t nz, std::i
 
 template <class S>
 void median_z_row_vector(const S* src, std::int64_t nx, std::int64_t ps, const MedianNetwork& net, S* out) {
-    switch (isa_level()) {
-        case 3: return avx512::median_z_row(src, nx, ps, net, out);
-        case 2: return avx2::median_z_row(src, nx, ps, net, out);
-        default: return sse2::median_z_row(src, nx, ps, net, out);
-    }
+    KIX_WIDEST(median_z_row(src, nx, ps, net, out))
 }
 
 template <class S, class D>
@@ -122,7 +106,7 @@ void median_z_rows(const S* src, const Geometry& g, D* dst, std::int64_t drs, bo
             else
                 median_z_row_generic(row, g.nx, g.nz, g.plane_stride, out);
             if constexpr (!std::is_same_v<S, D>)
-                for (std::int64_t x = 0; x < g.nx; ++x) out_row[x] = to_pixel<D>(out[x]);
+                for (std::int64_t x = 0; x < g.nx; ++x) out_row[x] = store_pixel<D>(out[x]);
         }
     }
 }
@@ -346,11 +330,7 @@ private:
 template <class T>
 std::int64_t bracket_keys_widest(const T* p, std::int64_t n, Key<T> lo, Key<T> hi, Key<T>* out, std::int64_t* below,
                                  std::int64_t* nans) {
-    switch (isa_level()) {
-        case 3: return avx512::bracket_keys(p, n, lo, hi, out, below, nans);
-        case 2: return avx2::bracket_keys(p, n, lo, hi, out, below, nans);
-        default: return sse2::bracket_keys(p, n, lo, hi, out, below, nans);
-    }
+    KIX_WIDEST(bracket_keys(p, n, lo, hi, out, below, nans))
 }
 
 // A sample of the keys brackets the wanted rank; one pass over the image
@@ -574,8 +554,8 @@ KIX_REAL(double)
 
 #define KIX_MEDIAN_Z(S, D)                                                                    \
     template void median_z<S, D>(const S*, const Geometry&, D*, std::int64_t);                \
-    template void median_z_generic<S, D>(const S*, const Geometry&, D*, std::int64_t);        \
-    template D to_pixel<D, S>(S);
+    template void median_z_generic<S, D>(const S*, const Geometry&, D*, std::int64_t);
+
 #define KIX_MEDIAN_Z_INTO(D) KIX_MEDIAN_Z(float, D) KIX_MEDIAN_Z(double, D)
 KIX_MEDIAN_Z_INTO(std::int8_t)
 KIX_MEDIAN_Z_INTO(std::uint8_t)

@@ -1,6 +1,6 @@
 // The vectorised statistics kernels, compiled once per instruction-set level
 // from one source (simd_kernels.inc): AVX-512 (x86-64-v4), AVX2 (x86-64-v3)
-// and the SSE2 baseline.  `isa_level()` picks the widest the processor has;
+// and the SSE2 baseline.  kix::isa_level() picks the widest the processor has;
 // the callers in survey.cpp and order.cpp decide per call, from the
 // processor-feature record, whether a vectorised form runs at all.
 #pragma once
@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
 #include "stats/keys.hpp"
 
@@ -53,10 +54,5 @@ namespace sse2 { KIX_STATS_SIMD_DECLARATIONS }
 
 #undef KIX_STATS_SIMD_DECLARATIONS
 
-// 3: AVX-512 F/BW/DQ/VL, 2: AVX2 with FMA, 1: SSE2.
-int isa_level() noexcept;
-// Caps isa_level() at `level` (0 lifts the cap), so that tests reach the
-// narrower instances on a processor that has the wider ones.
-void limit_isa_level(int level) noexcept;
 
 }  // namespace kix::stats

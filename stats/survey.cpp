@@ -11,35 +11,6 @@
 
 namespace kix::stats {
 
-namespace {
-std::atomic<int> gIsaCap{0};
-}
-
-void limit_isa_level(int level) noexcept { gIsaCap = level; }
-
-int isa_level() noexcept {
-    static const int detected = [] {
-        __builtin_cpu_init();
-        if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-            __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
-            __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && __builtin_cpu_supports("bmi2"))
-            return 3;
-        if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && __builtin_cpu_supports("bmi2"))
-            return 2;
-        return 1;
-    }();
-    const int cap = gIsaCap;
-    return cap > 0 && cap < detected ? cap : detected;
-}
-
-// Calls the widest instance of a vectorised kernel the processor runs.
-#define KIX_STATS_WIDEST(call)                    \
-    switch (isa_level()) {                        \
-        case 3: return avx512::call;              \
-        case 2: return avx2::call;                \
-        default: return sse2::call;               \
-    }
-
 // ------------------------------------------------------------------ survey
 template <class T>
 SurveyResult survey_generic(const T* p, const Geometry& g) {
@@ -69,7 +40,7 @@ SurveyResult survey_generic(const T* p, const Geometry& g) {
 
 template <class T>
 SurveyResult survey_vector(const T* p, const Geometry& g) {
-    KIX_STATS_WIDEST(survey(p, g))
+    KIX_WIDEST(survey(p, g))
 }
 
 template <class T>
@@ -102,7 +73,7 @@ SurveyDifferenceResult survey_difference_generic(const T* a, const Geometry& ga,
 
 template <class T>
 SurveyDifferenceResult survey_difference_vector(const T* a, const Geometry& ga, const T* b, const Geometry& gb) {
-    KIX_STATS_WIDEST(survey_difference(a, ga, b, gb))
+    KIX_WIDEST(survey_difference(a, ga, b, gb))
 }
 
 template <class T>
@@ -136,7 +107,7 @@ MinMaxResult minmax_stable(const T* p, const Geometry& g) {
 
 template <class T>
 MinMaxResult minmax_lanes(const T* p, const Geometry& g) {
-    KIX_STATS_WIDEST(minmax_lanes(p, g))
+    KIX_WIDEST(minmax_lanes(p, g))
 }
 
 template <class T>

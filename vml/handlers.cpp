@@ -18,6 +18,7 @@
 
 #include "vml/kernels.hpp"
 #include "vml/vml.hpp"
+#include "vorn/dm/store.hpp"
 
 namespace kix::vml {
 namespace {
@@ -38,7 +39,6 @@ constexpr const char* kNotComplex = "Data type should be Complex.";
 constexpr const char* kDstNotReal = "Data type of imgDst should be Real.";
 constexpr const char* kInvalid = "Invalid data type.";
 constexpr const char* kNotSame = "All data type should be same.";
-constexpr const char* kSize = "Images of different size cannot appear in this function.";
 
 // ------------------------------------------------------------ members
 template <class T>
@@ -75,111 +75,25 @@ using Binary = Member<binary_fn>;
 #define KIX_X2(name) Binary{nullptr, nullptr, &k::name<cf>, &k::name<cd>}
 
 // --------------------------------------------------------- image helpers
-using Dims = std::array<std::int64_t, 4>;
-
-Dims dims_of(const Image& img) {
-    Dims d{1, 1, 1, 1};
-    const std::uint32_t n = host::ImageGetNumDimensions(img);
-    for (std::uint32_t i = 0; i < n && i < 4; ++i) d[i] = host::ImageGetDimensionSize(img, i);
-    return d;
-}
-
-// All images one size (every dimension: a fourth one too, since the kernels
-// run over the whole buffer).
-void require_same_size(std::initializer_list<const Image*> images) {
-    const Dims first = dims_of(**images.begin());
-    for (const Image* img : images)
-        if (dims_of(*img) != first) fail(kSize);
-}
-
-bool is_binary_or_integer(const Image& img) {
-    return host::ImageIsDataTypeBinary(img) || host::ImageIsDataTypeInteger(img);
-}
-bool is_real(const Image& img) { return host::IsRealDataType(img, 4) || host::IsRealDataType(img, 8); }
+bool is_binary_or_integer(int code) { return code == vorn::dm::kBinary || is_integer_code(code); }
 // Real, integer or binary: what the real members read.
-bool is_realish(const Image& img) { return is_real(img) || is_binary_or_integer(img); }
+bool is_realish(int code) { return is_real_code(code) || is_binary_or_integer(code); }
 
-// A new image of type `code` with src's sizes, name and calibration.
-Image new_like(const Image& src, int code) {
-    const Dims d = dims_of(src);
-    const std::uint32_t n = std::max<std::uint32_t>(1, std::min<std::uint32_t>(4, host::ImageGetNumDimensions(src)));
-    const std::uint32_t sizes[4] = {std::uint32_t(d[0]), std::uint32_t(d[1]), std::uint32_t(d[2]), std::uint32_t(d[3])};
-    Image out = host::NewImage(host::ImageGetName(src), std::uint32_t(code), n, sizes);
-    host::ImageCopyCalibrationFrom(out, src);
-    return out;
-}
-
-// The values of one source as T: its own pixels when it is of type T,
-// otherwise a converted copy.  Type classes are checked before this.
-template <class T>
-struct Operand {
-    image<T> view;
-    std::vector<T> copy;
-    const T* data = nullptr;
-};
-
-template <class T>
-Operand<T> operand(const Image& img, std::int64_t n) {
-    Operand<T> op;
-    if (data_type(img) == vorn::dm::code_of<T>) {
-        op.view = image<T>(img);
-        vorn::dm::require_contiguous(op.view);
-        op.data = op.view.data();
-        return op;
-    }
-    op.copy.resize(std::size_t(n));
-    auto convert = [&](auto t) {
-        using S = typename decltype(t)::type;
-        if constexpr (!std::is_same_v<S, T>) {
-            image<S> v(img);
-            vorn::dm::require_contiguous(v);
-            k::Convert(v.data(), op.copy.data(), n);
-        }
-    };
-    if constexpr (vorn::dm::is_complex_v<T>) {
-        dispatch(complex_types{}, data_type(img), kNotComplex, convert);
-    } else if (host::ImageIsDataTypeBinary(img)) {
-        // Binary pixels reach us through the host's own conversion.
-        Image tmp = host::ImageClone(img);
-        host::ConvertToFloat(tmp);
-        image<float> v(tmp);
-        if constexpr (std::is_same_v<T, float>)
-            std::copy(v.data(), v.data() + n, op.copy.begin());
-        else
-            k::Convert(v.data(), op.copy.data(), n);
-    } else {
-        dispatch(real_integer_types{}, data_type(img), kNotReal, convert);
-    }
-    op.data = op.copy.data();
-    return op;
-}
-
-template <class A, class B>
-void require_apart(const Operand<A>& op, const image<B>& dst) {
-    if (op.view.IsValid()) vorn::dm::require_no_overlap(op.view, dst);
-}
-
-// Steps 3 to 5 of the real path: a real destination is used as it is; a
-// destination cloned from an integer or binary source becomes Real 4 (the
-// clone then already holds the source's values, so the kernel runs in place
-// on it); anything else is refused.  Answers whether that conversion happened.
-bool make_real_destination(const Image& out, const Image& dst, const Image& first) {
-    if (is_real(out)) return false;
-    if (!dst.IsValid() && is_binary_or_integer(first)) {
-        host::ConvertToFloat(out);
-        return true;
-    }
-    fail(kNotReal);
+// The destination of the real path: the one passed (it must be real), or a new
+// image like the first source, Real 4 when that source is integer or binary.
+Image real_destination(const Image& dst, const pixels& first) {
+    if (dst.IsValid()) return dst;
+    return new_like(first, is_real_code(first.code()) ? first.code() : int(vorn::dm::kReal4));
 }
 
 // ------------------------------------------------------------------ paths
 // One source, one destination of element type T (real or complex).
 template <class T, class K>
-void run_unary(const Image& src, const Image& out, K&& kernel) {
-    image<T> d(out);
+void run_unary(const pixels& src, const pixels& dst, K&& kernel) {
+    const image<T> d(dst);
     vorn::dm::require_contiguous(d);
-    Operand<T> s = operand<T>(src, d.size());
-    require_apart(s, d);
+    const Operand<T> s = operand<T>(src, vorn::dm::is_complex_v<T> ? kNotComplex : kNotReal);
+    s.require_apart(d);
     kernel(s.data, d.data(), d.size());
 }
 
@@ -187,25 +101,30 @@ void run_unary(const Image& src, const Image& out, K&& kernel) {
 // and double pointers.
 template <class K>
 Image real_unary(const Image& src, const Image& dst, K&& kernel) {
-    Image out = destination(dst, src);
-    const bool converted = make_real_destination(out, dst, src);
-    if (!is_realish(src)) fail(kNotReal);
-    require_same_size({&src, &out});
-    dispatch(real_types{}, data_type(out), kInvalid, [&](auto t) {
+    const pixels s(src);
+    KIX_CHECK(is_realish(s.code()), kNotReal);
+    const Image out = real_destination(dst, s);
+    const pixels d(out);
+    KIX_CHECK(is_real_code(d.code()), kNotReal);
+    require_same_size({&s, &d});
+    dispatch(real_types{}, d.code(), kInvalid, [&](auto t) {
         using T = typename decltype(t)::type;
-        run_unary<T>(converted ? out : src, out, kernel);
+        run_unary<T>(s, d, kernel);
     });
     changed(out);
     return out;
 }
 
 template <class K>
-Image complex_unary(const Image& src, const Image& out, K&& kernel) {
-    if (!is_complex_code(data_type(src)) || !is_complex_code(data_type(out))) fail(kNotComplex);
-    require_same_size({&src, &out});
-    dispatch(complex_types{}, data_type(out), kInvalid, [&](auto t) {
+Image complex_unary(const pixels& s, const Image& dst, K&& kernel) {
+    KIX_CHECK(is_complex_code(s.code()), kNotComplex);
+    const Image out = destination(dst, s);
+    const pixels d(out);
+    KIX_CHECK(is_complex_code(d.code()), kNotComplex);
+    require_same_size({&s, &d});
+    dispatch(complex_types{}, d.code(), kInvalid, [&](auto t) {
         using C = typename decltype(t)::type;
-        run_unary<C>(src, out, kernel);
+        run_unary<C>(s, d, kernel);
     });
     changed(out);
     return out;
@@ -222,9 +141,10 @@ Image unary(const Unary& m, const Image& src, const Image& dst) {
         // integer or binary source with a complex destination is refused there
         // ("Data type should be Complex."): converting it would invent a
         // complex image the script never asked for.
-        const bool complex = !m.real() || is_complex_code(data_type(src)) ||
+        const pixels s(src);
+        const bool complex = !m.real() || is_complex_code(s.code()) ||
                              (dst.IsValid() && is_complex_code(data_type(dst)));
-        if (complex) return complex_unary(src, destination(dst, src), kernel);
+        if (complex) return complex_unary(s, dst, kernel);
     }
     return real_unary(src, dst, kernel);
 }
@@ -234,34 +154,34 @@ Image binary(const Binary& m, const Image& a, const Image& b, const Image& dst) 
         using T = std::remove_cvref_t<decltype(*x)>;
         m.get<T>()(x, z, y, n);
     };
-    Image out = destination(dst, a);
+    const pixels pa(a), pb(b);
     // The first complex operand in the order A, B, destination decides.
-    const bool complex =
-        m.complex() && (!m.real() || is_complex_code(data_type(a)) || is_complex_code(data_type(b)) ||
-                        (dst.IsValid() && is_complex_code(data_type(out))));
-    bool converted = false;
+    const bool complex = m.complex() && (!m.real() || is_complex_code(pa.code()) || is_complex_code(pb.code()) ||
+                                         (dst.IsValid() && is_complex_code(data_type(dst))));
     if (complex) {
-        if (!is_complex_code(data_type(a)) || !is_complex_code(data_type(b)) || !is_complex_code(data_type(out)))
-            fail(kNotComplex);
+        KIX_CHECK(is_complex_code(pa.code()) && is_complex_code(pb.code()), kNotComplex);
     } else {
-        converted = make_real_destination(out, dst, a);
-        if (!is_realish(a) || !is_realish(b)) fail(kNotReal);
+        KIX_CHECK(is_realish(pa.code()) && is_realish(pb.code()), kNotReal);
     }
-    require_same_size({&a, &b, &out});
+    const Image out = complex ? destination(dst, pa) : real_destination(dst, pa);
+    const pixels d(out);
+    KIX_CHECK(complex ? is_complex_code(d.code()) : is_real_code(d.code()), complex ? kNotComplex : kNotReal);
+    require_same_size({&pa, &pb, &d});
     auto run = [&](auto t) {
         using T = typename decltype(t)::type;
-        image<T> d(out);
-        vorn::dm::require_contiguous(d);
-        Operand<T> x = operand<T>(converted ? out : a, d.size());
-        Operand<T> z = operand<T>(b, d.size());
-        require_apart(x, d);
-        require_apart(z, d);
-        kernel(x.data, z.data, d.data(), d.size());
+        const image<T> vd(d);
+        vorn::dm::require_contiguous(vd);
+        const char* refuse = complex ? kNotComplex : kNotReal;
+        const Operand<T> x = operand<T>(pa, refuse);
+        const Operand<T> z = operand<T>(pb, refuse);
+        x.require_apart(vd);
+        z.require_apart(vd);
+        kernel(x.data, z.data, vd.data(), vd.size());
     };
     if (complex)
-        dispatch(complex_types{}, data_type(out), kInvalid, run);
+        dispatch(complex_types{}, d.code(), kInvalid, run);
     else
-        dispatch(real_types{}, data_type(out), kInvalid, run);
+        dispatch(real_types{}, d.code(), kInvalid, run);
     changed(out);
     return out;
 }
@@ -271,19 +191,20 @@ Image binary(const Binary& m, const Image& a, const Image& b, const Image& dst) 
 // result in its own precision (the source is converted first).
 template <class K>
 Image complex_to_real(const Image& src, const Image& dst, K&& kernel) {
-    if (!is_complex_code(data_type(src))) fail(kNotComplex);
-    const Image out = dst.IsValid() ? dst
-                                    : new_like(src, data_type(src) == vorn::dm::kComplex16 ? vorn::dm::kReal8
-                                                                                           : vorn::dm::kReal4);
-    if (!is_real_code(data_type(out))) fail(kDstNotReal);
-    require_same_size({&src, &out});
-    dispatch(real_types{}, data_type(out), kInvalid, [&](auto t) {
+    const pixels s(src);
+    KIX_CHECK(is_complex_code(s.code()), kNotComplex);
+    const Image out =
+        dst.IsValid() ? dst : new_like(s, s.code() == vorn::dm::kComplex16 ? vorn::dm::kReal8 : vorn::dm::kReal4);
+    const pixels d(out);
+    KIX_CHECK(is_real_code(d.code()), kDstNotReal);
+    require_same_size({&s, &d});
+    dispatch(real_types{}, d.code(), kInvalid, [&](auto t) {
         using T = typename decltype(t)::type;
-        image<T> d(out);
-        vorn::dm::require_contiguous(d);
-        Operand<std::complex<T>> s = operand<std::complex<T>>(src, d.size());
-        require_apart(s, d);
-        kernel(s.data, d.data(), d.size());
+        const image<T> vd(d);
+        vorn::dm::require_contiguous(vd);
+        const Operand<std::complex<T>> x = operand<std::complex<T>>(s, kNotComplex);
+        x.require_apart(vd);
+        kernel(x.data, vd.data(), vd.size());
     });
     changed(out);
     return out;
@@ -295,96 +216,82 @@ Image complex_to_real(const Image& src, const Image& dst, K&& kernel) {
 template <class K>
 Image real_to_complex(std::initializer_list<const Image*> sources, const Image& dst, const char* refuse_src,
                       const char* refuse_dst, bool integers, K&& kernel) {
+    std::vector<pixels> views;
     bool wide = false;
-    for (const Image* s : sources) {
-        if (!(integers ? is_realish(*s) : is_real(*s))) fail(refuse_src);
-        wide |= data_type(*s) == vorn::dm::kReal8;
+    for (const Image* img : sources) {
+        views.emplace_back(*img);
+        const int code = views.back().code();
+        KIX_CHECK(integers ? is_realish(code) : is_real_code(code), refuse_src);
+        wide |= code == vorn::dm::kReal8;
     }
-    const Image& first = **sources.begin();
-    const Image out = dst.IsValid() ? dst : new_like(first, wide ? vorn::dm::kComplex16 : vorn::dm::kComplex8);
-    if (!is_complex_code(data_type(out))) fail(refuse_dst);
-    std::vector<const Image*> all(sources);
-    all.push_back(&out);
-    const Dims size = dims_of(out);
-    for (const Image* s : all)
-        if (dims_of(*s) != size) fail(kSize);
-    dispatch(complex_types{}, data_type(out), kInvalid, [&](auto t) {
+    const Image out = dst.IsValid() ? dst : new_like(views[0], wide ? vorn::dm::kComplex16 : vorn::dm::kComplex8);
+    const pixels d(out);
+    KIX_CHECK(is_complex_code(d.code()), refuse_dst);
+    for (const pixels& v : views) require_same_size({&d, &v});
+    dispatch(complex_types{}, d.code(), kInvalid, [&](auto t) {
         using C = typename decltype(t)::type;
         using T = typename C::value_type;
-        image<C> d(out);
-        vorn::dm::require_contiguous(d);
+        const image<C> vd(d);
+        vorn::dm::require_contiguous(vd);
         std::vector<Operand<T>> ops;
-        ops.reserve(sources.size());
-        for (const Image* s : sources) {
-            ops.push_back(operand<T>(*s, d.size()));
-            require_apart(ops.back(), d);
+        ops.reserve(views.size());
+        for (const pixels& v : views) {
+            ops.push_back(operand<T>(v, refuse_src));
+            ops.back().require_apart(vd);
         }
-        kernel(ops, d.data(), d.size());
+        kernel(ops, vd.data(), vd.size());
     });
     changed(out);
     return out;
 }
 
 // Two results written by one call may not share pixels at all.
-template <class T>
-void require_distinct(const image<T>& a, const image<T>& b) {
-    if (a.data() == b.data()) fail("Subareas belonging to the same image cannot overlap.");
+void require_distinct(const pixels& a, const pixels& b) {
+    KIX_CHECK(a.bytes() != b.bytes(), vorn::dm::kOverlap);
     vorn::dm::require_no_overlap(a, b);
 }
 
-// SinCos and Modf: one source, two results.  A result not passed is made as
-// a unary destination is: a clone of the source, Real 4 for an integer or
-// binary source.
+// SinCos and Modf: one source, two results.  A result not passed is made like
+// the source (Real 4 when neither is passed and the source is integer or
+// binary); results the script passed must have the source's type.
 template <class K>
 void two_results(const Image& src, Image* first, Image* second, K&& kernel) {
-    // With neither result passed, an integer or binary source gives Real 4
-    // results and is read converted; results the script passed must have the
-    // source's type.
-    const bool to_float = !first->IsValid() && !second->IsValid() && is_binary_or_integer(src);
-    for (Image* img : {first, second}) {
-        if (img->IsValid()) continue;
-        *img = host::ImageClone(src);
-        if (to_float) host::ConvertToFloat(*img);
-    }
-    const int code = to_float ? int(vorn::dm::kReal4) : data_type(src);
-    const bool reads_converted = to_float;
-    if (data_type(*first) != code || data_type(*second) != code) fail(kNotSame);
-    require_same_size({&src, first, second});
-    if (!is_realish(src)) fail(kNotReal);
-    if (!reads_converted && !is_real_code(code)) {
-        // An integer type throughout: computed in double, rounded back and
-        // held to the type's range.
+    const pixels s(src);
+    const bool to_float = !first->IsValid() && !second->IsValid() && is_binary_or_integer(s.code());
+    const int code = to_float ? int(vorn::dm::kReal4) : s.code();
+    for (Image* img : {first, second})
+        if (!img->IsValid()) *img = new_like(s, code);
+    const pixels a(*first), b(*second);
+    KIX_CHECK(a.code() == code && b.code() == code, kNotSame);
+    require_same_size({&s, &a, &b});
+    KIX_CHECK(is_realish(s.code()), kNotReal);
+    if (is_integer_code(code)) {
+        // An integer type throughout: computed in double and stored by the
+        // integer rule (rounded, held to the type's range).
         dispatch(integer_types{}, code, kNotReal, [&](auto t) {
             using I = typename decltype(t)::type;
-            image<I> a(*first), b(*second);
-            vorn::dm::require_contiguous(a);
-            vorn::dm::require_contiguous(b);
-            Operand<double> s = operand<double>(src, a.size());
-            std::vector<double> ra(s.copy.size()), rb(s.copy.size());
-            kernel(s.data, ra.data(), rb.data(), a.size());
-            auto put = [](const std::vector<double>& r, I* out) {
-                for (std::size_t i = 0; i < r.size(); ++i) {
-                    const double v = std::nearbyint(r[i]);
-                    out[i] = std::isnan(v) ? I(0)
-                             : v <= double(std::numeric_limits<I>::min()) ? std::numeric_limits<I>::min()
-                             : v >= double(std::numeric_limits<I>::max()) ? std::numeric_limits<I>::max()
-                                                                          : I(v);
-                }
-            };
-            put(ra, a.data());
-            put(rb, b.data());
+            const image<I> va(a), vb(b);
+            vorn::dm::require_contiguous(va);
+            vorn::dm::require_contiguous(vb);
+            const Operand<double> x = operand<double>(s, kNotReal);
+            std::vector<double> ra(std::size_t(va.size())), rb(std::size_t(va.size()));
+            kernel(x.data, ra.data(), rb.data(), va.size());
+            for (std::size_t i = 0; i < ra.size(); ++i) {
+                va.data()[i] = store_pixel<I>(ra[i]);
+                vb.data()[i] = store_pixel<I>(rb[i]);
+            }
         });
     } else {
         dispatch(real_types{}, code, kNotReal, [&](auto t) {
             using T = typename decltype(t)::type;
-            image<T> a(*first), b(*second);
-            vorn::dm::require_contiguous(a);
-            vorn::dm::require_contiguous(b);
-            require_distinct(a, b);
-            Operand<T> s = operand<T>(src, a.size());
-            require_apart(s, a);
-            require_apart(s, b);
-            kernel(s.data, a.data(), b.data(), a.size());
+            const image<T> va(a), vb(b);
+            vorn::dm::require_contiguous(va);
+            vorn::dm::require_contiguous(vb);
+            require_distinct(va, vb);
+            const Operand<T> x = operand<T>(s, kNotReal);
+            x.require_apart(va);
+            x.require_apart(vb);
+            kernel(x.data, va.data(), vb.data(), va.size());
         });
     }
     changed(*first);
@@ -429,7 +336,6 @@ Image to_real(const ToReal& m, const Image& src, const Image& dst) {
 template <class A, class B>
 void require_pair(const image<A>& a, const image<B>& b) {
     vorn::dm::require_same_size(a, b);
-    if (a.size() != b.size()) fail(kSize);
     vorn::dm::require_contiguous(a);
     vorn::dm::require_contiguous(b);
     vorn::dm::require_no_overlap(a, b);

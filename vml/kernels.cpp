@@ -7,17 +7,11 @@
 #include <limits>
 #include <type_traits>
 
+#include "runtime/runtime.hpp"
 #include "vml/simd.hpp"
 
 namespace kix::vml {
 namespace simd {
-
-const Isa& select() noexcept {
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx512f")) return kAvx512;
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return kAvx2;
-    return kSse2;
-}
 
 // Single precision goes through double, which makes these exactly C's
 // results rounded once.
@@ -78,12 +72,13 @@ constexpr std::int64_t kChunk = std::int64_t(1) << 16;
 // read-for-ownership saves a third of the memory traffic of Add.
 constexpr std::int64_t kStreamBytes = std::int64_t(16) << 20;
 
-std::atomic<const simd::Isa*> gForced{nullptr};
-
+// The bodies of the widest instruction set the processor runs (kix::isa_level).
 const simd::Isa& isa() noexcept {
-    static const simd::Isa& automatic = simd::select();
-    const simd::Isa* forced = gForced.load(std::memory_order_relaxed);
-    return forced ? *forced : automatic;
+    switch (isa_level()) {
+        case kIsaAVX512: return simd::kAvx512;
+        case kIsaAVX2: return simd::kAvx2;
+        default: return simd::kSse2;
+    }
 }
 
 template <class E>
@@ -253,23 +248,6 @@ std::complex<W> complex_pow(std::complex<W> z, std::complex<W> w) {
 }
 
 }  // namespace
-
-const char* isa_name() noexcept { return isa().name; }
-
-bool force_isa(const char* name) noexcept {
-    if (name == nullptr) {
-        gForced.store(nullptr);
-        return true;
-    }
-    __builtin_cpu_init();
-    const simd::Isa* want = nullptr;
-    if (std::strcmp(name, simd::kSse2.name) == 0) want = &simd::kSse2;
-    if (std::strcmp(name, simd::kAvx2.name) == 0 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
-        want = &simd::kAvx2;
-    if (std::strcmp(name, simd::kAvx512.name) == 0 && __builtin_cpu_supports("avx512f")) want = &simd::kAvx512;
-    if (want) gForced.store(want);
-    return want != nullptr;
-}
 
 // ------------------------------------------------------------ real members
 #define KIX_REAL_SIMD(name)                                  \
@@ -458,13 +436,6 @@ void CIS(const T* x, std::complex<T>* y, std::int64_t n) {
     chunked(n, [&](std::int64_t i, std::int64_t m) { f(x + i, parts(y + i), m, nt); });
 }
 
-template <class From, class To>
-void Convert(const From* x, To* y, std::int64_t n) {
-    chunked(n, [&](std::int64_t i, std::int64_t m) {
-        for (std::int64_t k = i; k < i + m; ++k) y[k] = static_cast<To>(x[k]);
-    });
-}
-
 // ------------------------------------------------------- instantiations
 using cf = std::complex<float>;
 using cd = std::complex<double>;
@@ -519,19 +490,6 @@ KIX_INST_BINARY(MulByConj, cd)
 KIX_INST_SPECIAL(float)
 KIX_INST_SPECIAL(double)
 
-#define KIX_INST_CONVERT(From)                                              \
-    template void Convert<From, float>(const From*, float*, std::int64_t);  \
-    template void Convert<From, double>(const From*, double*, std::int64_t);
-KIX_INST_CONVERT(std::int8_t)
-KIX_INST_CONVERT(std::uint8_t)
-KIX_INST_CONVERT(std::int16_t)
-KIX_INST_CONVERT(std::uint16_t)
-KIX_INST_CONVERT(std::int32_t)
-KIX_INST_CONVERT(std::uint32_t)
-KIX_INST_CONVERT(float)
-KIX_INST_CONVERT(double)
-template void Convert<cf, cd>(const cf*, cd*, std::int64_t);
-template void Convert<cd, cf>(const cd*, cf*, std::int64_t);
 
 }  // namespace kernels
 }  // namespace kix::vml

@@ -73,15 +73,4 @@ void Polar(const T* rho, const T* theta, std::complex<T>* y, std::int64_t n);
 template <class T>
 void CIS(const T* x, std::complex<T>* y, std::int64_t n);
 
-// Real to real of another precision or from integers (the handlers' conversion).
-template <class From, class To>
-void Convert(const From* x, To* y, std::int64_t n);
-
-// The instruction set the vector bodies use: "AVX-512F", "AVX2" or "SSE2".
-// force_isa selects one of those by name for tests and benchmarks (false
-// when the name is unknown or the processor lacks it); nullptr restores the
-// automatic choice.
-const char* isa_name() noexcept;
-bool force_isa(const char* name) noexcept;
-
 }  // namespace kix::vml::kernels

@@ -2,7 +2,6 @@
 // Results are typed as the prototype's destination: "ComplexImagePtr " where
 // the destination is a ComplexImagePtr (Conj, MulByConj, CIS), "ImageRef "
 // elsewhere, "void " for the two members with by-reference results.
-#include "plugin/registrars.hpp"
 #include "plugin/registry.hpp"
 #include "vml/vml.hpp"
 
@@ -12,8 +11,9 @@ namespace kix::vml {
 #define KIX_VML_BINARY_ROW(name) \
     {"ImageRef ", #name "(ImageRef imgA, ImageRef imgB, ImageRef imgDst)", entry<name##DM>()},
 
-void Register(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
-    static const ScriptFunction table[] = {
+namespace {
+
+const Rows kElementwise(List::Elementwise, {
         {"ComplexImagePtr ", "Conj(ComplexImagePtr imgSrc, ComplexImagePtr imgDst)", entry<ConjDM>()},
         KIX_VML_UNARY_ROW(Sqr) KIX_VML_UNARY_ROW(Abs) KIX_VML_UNARY_ROW(Inv) KIX_VML_UNARY_ROW(Sqrt)
         KIX_VML_UNARY_ROW(InvSqrt) KIX_VML_UNARY_ROW(Cbrt) KIX_VML_UNARY_ROW(InvCbrt) KIX_VML_UNARY_ROW(Pow2o3)
@@ -33,9 +33,23 @@ void Register(Gatan::PlugIn::PlugInMain&, const std::string& prefix) {
         {"ImageRef ", "Powx(ImageRef imgA, double fB, ImageRef imgDst)", entry<PowxDM>()},
         {"void ", "SinCos(ImageRef imgSrc, ImageRef * imgSin, ImageRef * imgCos)", entry<SinCosDM>()},
         {"void ", "Modf(ImageRef imgSrc, ImageRef * imgVal, ImageRef * imgRem)", entry<ModfDM>()},
-    };
-    static_assert(std::size(table) == 49);
-    add_functions(prefix, table);
-}
+});
+
+// The library-only members: the complex and polar conversions.
+const Rows kLibrary(List::Library, {
+    {"ComplexImagePtr ", "Polar(ImageRef imgRho, ImageRef imgTheta, ComplexImagePtr imgDst)",
+     entry<static_cast<Image (*)(const Image&, const Image&, const Image&)>(&PolarDM)>()},
+    {"ComplexImagePtr ", "Polar(ComplexImagePtr imgSrc, ComplexImagePtr imgDst)",
+     entry<static_cast<Image (*)(const Image&, const Image&)>(&PolarDM)>()},
+    {"ComplexImagePtr ", "AbsArg(ComplexImagePtr imgSrc, ComplexImagePtr imgDst)", entry<AbsArgDM>()},
+    {"ImageRef ", "Abs(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<ComplexAbsDM>()},
+    {"ImageRef ", "Exp2(ImageRef imgSrc, ImageRef imgDst)", entry<Exp2DM>()},
+    {"ImageRef ", "Log2(ImageRef imgSrc, ImageRef imgDst)", entry<Log2DM>()},
+    {"ImageRef ", "Pow(ImageRef imgA, ImageRef imgB, ImageRef imgDst)", entry<PowDM>()},
+    {"ImageRef ", "CArg(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<CArgDM>()},
+    {"ImageRef ", "Norm(ComplexImagePtr imgSrc, ImageRef imgDst)", entry<NormDM>()},
+});
+
+}  // namespace
 
 }  // namespace kix::vml

@@ -1,7 +1,7 @@
 // The vectorised bodies of the element-wise kernels, one table of function
 // pointers per instruction set.  vml/isa_body.inl is compiled three times
 // (SSE2, AVX2 + FMA, AVX-512F), each time with SLEEF's functions of that
-// width; simd::select() picks the widest table the processor runs.  Every
+// width; the kernels pick the table of kix::isa_level().  Every
 // body takes whole buffers (already cut into chunks by the caller), handles
 // its own tail with one padded vector, and may use streaming stores for
 // buffers far larger than the caches.  No host calls here.
@@ -61,9 +61,6 @@ struct Isa {
 extern const Isa kSse2;
 extern const Isa kAvx2;
 extern const Isa kAvx512;
-
-// The widest table this processor runs (checked once).
-const Isa& select() noexcept;
 
 // Scalar forms of the vectorised complex members, for lanes whose input lies
 // where the fast formula would overflow, underflow or miss a special value

@@ -35,7 +35,7 @@ DM::String Repeat(const DM::String& s, std::int32_t n) {
 // Doubles every pixel of a real image into the destination (or a clone).
 DM::Image Twice(const DM::Image& src, const DM::Image& dst) {
     kix::Call call("test::TwiceDM");
-    DM::Image out = kix::destination(dst, src);
+    DM::Image out = kix::clone_destination(dst, src);
     kix::dispatch(kix::real_types{}, kix::data_type(out), "Data type should be Real.", [&](auto t) {
         using T = typename decltype(t)::type;
         vorn::dm::image<T> s(src), d(out);

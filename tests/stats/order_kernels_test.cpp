@@ -13,12 +13,13 @@
 
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
+#include "vorn/dm/store.hpp"
 #include "stats/select.hpp"
 #include "stats/simd.hpp"
 
 namespace {
 
-using kix::stats::Geometry;
+using kix::Geometry;
 
 template <class T>
 T sorted_median(std::vector<T> v) {
@@ -57,7 +58,7 @@ protected:
     void SetUp() override { kix::set_use_simd(true); }
     void TearDown() override {
         kix::set_use_simd(true);
-        kix::stats::limit_isa_level(0);
+        kix::cap_isa_level(0);
     }
 };
 // The vectorised forms exist per instruction set (SSE2, AVX2, AVX-512).
@@ -141,12 +142,12 @@ TYPED_TEST(OrderTyped, NthElementAndMedianOfWholeImages) {
             const std::vector<T> v = values<T>(std::size_t(n), spread, seed++);
             std::vector<T> sorted = v;
             std::sort(sorted.begin(), sorted.end());
-            const Geometry g = kix::stats::dense(s.nx, s.ny, s.nz);
+            const Geometry g = kix::dense(s.nx, s.ny, s.nz);
             SCOPED_TRACE(testing::Message() << n << " pixels, spread " << int(spread));
             std::vector<std::int64_t> ranks = {0, n - 1, n / 2, n / 3, (n * 7) / 8};
             for (std::int64_t r : ranks) {
                 for (int level : kLevels) {
-                    kix::stats::limit_isa_level(level);
+                    kix::cap_isa_level(level);
                     EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << "rank " << r << " level " << level;
                 }
                 EXPECT_EQ(kix::stats::nth_element_quickselect(v.data(), g, r), sorted[r]) << "rank " << r;
@@ -178,7 +179,7 @@ TYPED_TEST(OrderTyped, EvenMedianWhoseUpperValueLiesOutsideTheLowerOnesBucket) {
             v[i] = identical ? T(i % 2 ? 2.0 : 1.0) : T(i % 2 ? 1000.0 + 1000.0 * unit(rng) : unit(rng));
         std::vector<T> sorted = v;
         std::sort(sorted.begin(), sorted.end());
-        const Geometry g = kix::stats::dense(n);
+        const Geometry g = kix::dense(n);
         for (T got : {kix::stats::median(v.data(), g), kix::stats::median_radix(v.data(), g)})
             EXPECT_EQ(got, (sorted[n / 2] + sorted[n / 2 - 1]) * T(0.5));
         EXPECT_EQ(kix::stats::nth_element(v.data(), g, n / 2), sorted[n / 2]);
@@ -196,7 +197,7 @@ TYPED_TEST(OrderTyped, AMisleadingSampleFallsBackToTheRadixSelection) {
     for (std::int64_t i = 0; i < 32768; ++i) v[(i * step) % n] = T(1e6 + double(i));
     std::vector<T> sorted = v;
     std::sort(sorted.begin(), sorted.end());
-    const Geometry g = kix::stats::dense(1000, 1000);
+    const Geometry g = kix::dense(1000, 1000);
     EXPECT_EQ(kix::stats::median(v.data(), g), (sorted[n / 2] + sorted[n / 2 - 1]) * T(0.5));
     for (std::int64_t r : {std::int64_t(0), n / 4, n / 2, n - 70000, n - 1})
         EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << r;
@@ -207,8 +208,8 @@ TYPED_TEST(OrderTyped, TheSourceIsOnlyRead) {
     for (std::int64_t n : {std::int64_t(1001), std::int64_t(300000)}) {
         const std::vector<T> v = values<T>(std::size_t(n), Spread::kNormal, 7);
         std::vector<T> image = v;
-        (void)kix::stats::median(image.data(), kix::stats::dense(n));
-        (void)kix::stats::nth_element(image.data(), kix::stats::dense(n), n / 5);
+        (void)kix::stats::median(image.data(), kix::dense(n));
+        (void)kix::stats::nth_element(image.data(), kix::dense(n), n / 5);
         EXPECT_EQ(image, v);
     }
 }
@@ -235,7 +236,7 @@ TYPED_TEST(OrderTyped, NaNRanksAboveInfinityAndPoisonsTheMedian) {
         v[n / 2] = nan;
         v[1] = -nan;  // a NaN with the sign bit set ranks as high
         v[2] = std::numeric_limits<T>::infinity();
-        const Geometry g = kix::stats::dense(n);
+        const Geometry g = kix::dense(n);
         EXPECT_TRUE(std::isnan(kix::stats::median(v.data(), g)));
         EXPECT_TRUE(std::isnan(kix::stats::median_quickselect(v.data(), g)));
         EXPECT_TRUE(std::isnan(kix::stats::median_radix(v.data(), g)));
@@ -290,7 +291,7 @@ TYPED_TEST(OrderTyped, MedianZGenericAndVectorMatchSorting) {
                           Stack{3, 2, 300}, Stack{129, 65, 8}, Stack{256, 300, 5}}) {
         std::vector<S> src = values<S>(std::size_t(s.nx * s.ny * s.nz), Spread::kFewValues, seed++);
         src[src.size() / 2] = std::numeric_limits<S>::quiet_NaN();  // that pixel's median is NaN
-        const Geometry g = kix::stats::dense(s.nx, s.ny, s.nz);
+        const Geometry g = kix::dense(s.nx, s.ny, s.nz);
         const std::vector<S> want = median_z_reference(src, s.nx, s.ny, s.nz);
         std::vector<S> gen(want.size()), vec(want.size());
         kix::stats::median_z_generic(src.data(), g, gen.data(), s.nx);
@@ -298,7 +299,7 @@ TYPED_TEST(OrderTyped, MedianZGenericAndVectorMatchSorting) {
         expect_same(gen, want);
         kix::set_use_simd(true);
         for (int level : kLevels) {
-            kix::stats::limit_isa_level(level);
+            kix::cap_isa_level(level);
             kix::stats::median_z(src.data(), g, vec.data(), s.nx);
             expect_same(vec, want);
         }
@@ -308,7 +309,7 @@ TYPED_TEST(OrderTyped, MedianZGenericAndVectorMatchSorting) {
 TEST(MedianZ, TwoFramesGiveTheirMeanInEveryDestinationType) {
     const float src[2 * 4] = {1, -1, 250, 3.25f,  // frame 0
                               2, -4, 400, 3.5f};  // frame 1
-    const Geometry g = kix::stats::dense(4, 1, 2);
+    const Geometry g = kix::dense(4, 1, 2);
     float f[4];
     kix::stats::median_z(src, g, f, 4);
     EXPECT_EQ(f[0], 1.5f);
@@ -339,12 +340,12 @@ TEST(MedianZ, ConversionTable) {
         {-1e10, -128, 0, -2147483647 - 1}, {nan, 0, 0, 0},
     };
     for (const Row& r : rows) {
-        EXPECT_EQ(kix::stats::to_pixel<std::int8_t>(r.v), r.i8) << r.v;
-        EXPECT_EQ(kix::stats::to_pixel<std::uint8_t>(r.v), r.u8) << r.v;
-        EXPECT_EQ(kix::stats::to_pixel<std::int32_t>(r.v), r.i32) << r.v;
+        EXPECT_EQ(kix::store_pixel<std::int8_t>(r.v), r.i8) << r.v;
+        EXPECT_EQ(kix::store_pixel<std::uint8_t>(r.v), r.u8) << r.v;
+        EXPECT_EQ(kix::store_pixel<std::int32_t>(r.v), r.i32) << r.v;
     }
-    EXPECT_EQ(kix::stats::to_pixel<std::uint32_t>(4294967295.4), 4294967295u);
-    EXPECT_EQ(kix::stats::to_pixel<std::uint32_t>(3e9f), 3000000000u);
+    EXPECT_EQ(kix::store_pixel<std::uint32_t>(4294967295.4), 4294967295u);
+    EXPECT_EQ(kix::store_pixel<std::uint32_t>(3e9f), 3000000000u);
 }
 
 TEST(MedianZ, StridedSourceAndDestination) {

@@ -18,7 +18,7 @@
 
 namespace {
 
-using kix::stats::Geometry;
+using kix::Geometry;
 
 // An image of nx by ny by nz pixels stored with padded rows and planes when
 // `padded` (a subarea of a larger image), else densely.
@@ -34,7 +34,7 @@ struct Img {
     }
     T& at(std::int64_t x, std::int64_t y, std::int64_t z) { return store[x + y * g.row_stride + z * g.plane_stride]; }
     T& at(std::int64_t p) {
-        const auto q = kix::stats::position_of(p, g);
+        const auto q = kix::position_of(p, g);
         return at(q.x, q.y, q.z);
     }
     const T* data() const { return store.data(); }
@@ -104,7 +104,7 @@ protected:
     void SetUp() override { kix::set_use_simd(true); }
     void TearDown() override {
         kix::set_use_simd(true);
-        kix::stats::limit_isa_level(0);
+        kix::cap_isa_level(0);
     }
 };
 using AllTypes = ::testing::Types<std::int8_t, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t,
@@ -120,7 +120,7 @@ TYPED_TEST(SurveyTyped, GenericAndVectorMatchTheReference) {
             const RefSurvey ref = ref_survey(img);
             std::vector<kix::stats::SurveyResult> forms = {kix::stats::survey_generic(img.data(), img.g)};
             for (int level : kLevels) {
-                kix::stats::limit_isa_level(level);
+                kix::cap_isa_level(level);
                 forms.push_back(kix::stats::survey_vector(img.data(), img.g));
             }
             SCOPED_TRACE(testing::Message() << s.nx << "x" << s.ny << "x" << s.nz << (padded ? " padded" : ""));
@@ -220,7 +220,7 @@ template <class T>
 class DifferenceTyped : public ::testing::Test {
 protected:
     void SetUp() override { kix::set_use_simd(true); }
-    void TearDown() override { kix::stats::limit_isa_level(0); }
+    void TearDown() override { kix::cap_isa_level(0); }
 };
 using DifferenceTypes = ::testing::Types<std::int8_t, std::int16_t, float, double>;
 TYPED_TEST_SUITE(DifferenceTyped, DifferenceTypes);
@@ -243,7 +243,7 @@ TYPED_TEST(DifferenceTyped, SevenSumsMatchTheReference) {
         std::vector<kix::stats::SurveyDifferenceResult> forms = {
             kix::stats::survey_difference_generic(a.data(), a.g, b.data(), b.g)};
         for (int level : kLevels) {
-            kix::stats::limit_isa_level(level);
+            kix::cap_isa_level(level);
             forms.push_back(kix::stats::survey_difference_vector(a.data(), a.g, b.data(), b.g));
         }
         for (const auto& r : forms) {
@@ -259,7 +259,7 @@ protected:
     void SetUp() override { kix::set_use_simd(true); }
     void TearDown() override {
         kix::set_use_simd(true);
-        kix::stats::limit_isa_level(0);
+        kix::cap_isa_level(0);
         omp_set_num_threads(2);
     }
 };
@@ -297,11 +297,11 @@ TEST_F(SurveyReal, InfinitiesMeetTheLargestDoubleAsTheScanDoes) {
     for (bool simd : {false, true}) {
         kix::set_use_simd(simd);
         std::vector<float> inf(100000, std::numeric_limits<float>::infinity());
-        const auto r = kix::stats::survey(inf.data(), kix::stats::dense(100000));
+        const auto r = kix::stats::survey(inf.data(), kix::dense(100000));
         EXPECT_EQ(r.min, kix::stats::kLargest);
         EXPECT_EQ(r.max, std::numeric_limits<double>::infinity());
         std::vector<double> nan(100000, std::numeric_limits<double>::quiet_NaN());
-        const auto n = kix::stats::survey(nan.data(), kix::stats::dense(100000));
+        const auto n = kix::stats::survey(nan.data(), kix::dense(100000));
         EXPECT_EQ(n.min, kix::stats::kLargest);
         EXPECT_EQ(n.max, -kix::stats::kLargest);
     }
@@ -349,7 +349,7 @@ TYPED_TEST(LaneTyped, VectorisedLanesFollowTheRuleOnRandomTies) {
             for (std::int64_t p = 0; p < img.g.count(); ++p) img.at(p) = std::round(img.at(p) / 80);
             const auto want = lane_reference(img);
             for (int level : kLevels) {
-                kix::stats::limit_isa_level(level);
+                kix::cap_isa_level(level);
                 const int threads = level == 3 ? 1 : 2;
                 omp_set_num_threads(threads);
                 const auto got = kix::stats::minmax_lanes(img.data(), img.g);
@@ -430,7 +430,7 @@ TYPED_TEST(LaneTyped, EqualPixelsReportPixelZero) {
     for (bool simd : {false, true}) {
         kix::set_use_simd(simd);
         std::vector<T> flat(70000, T(3.5));
-        const Geometry g = kix::stats::dense(700, 100);
+        const Geometry g = kix::dense(700, 100);
         for (const auto& r : {kix::stats::minmax(flat.data(), g), kix::stats::minmax_stable(flat.data(), g)}) {
             EXPECT_EQ(r.min_pos, 0);
             EXPECT_EQ(r.max_pos, 0);
@@ -443,19 +443,19 @@ TEST(Reduce, FiveByThreeDropsTheLastColumnAndRow) {
     // 5 x 3 gives 2 x 1: blocks (0-1, 0-1) and (2-3, 0-1).
     const float src[15] = {1, 2, 3, 4, 100, 5, 6, 7, 8, 100, 100, 100, 100, 100, 100};
     float out[2] = {};
-    kix::stats::reduce(src, kix::stats::dense(5, 3), 2, out);
+    kix::stats::reduce(src, kix::dense(5, 3), 2, out);
     EXPECT_EQ(out[0], (1 + 2 + 5 + 6) * 0.25f);
     EXPECT_EQ(out[1], (3 + 4 + 7 + 8) * 0.25f);
     // Integer means round half away from zero: (1 + 2) / 2 = 1.5 -> 2, (-1 - 2) / 2 -> -2.
     const std::int16_t ints[4] = {1, 2, -1, -2};
     std::int16_t half[2] = {};
-    kix::stats::reduce(ints, kix::stats::dense(4), 1, half);
+    kix::stats::reduce(ints, kix::dense(4), 1, half);
     EXPECT_EQ(half[0], 2);
     EXPECT_EQ(half[1], -2);
     // The integer sum does not wrap: 255 + 255 -> 255.
     const std::uint8_t bytes[2] = {255, 255};
     std::uint8_t one = 0;
-    kix::stats::reduce(bytes, kix::stats::dense(2), 1, &one);
+    kix::stats::reduce(bytes, kix::dense(2), 1, &one);
     EXPECT_EQ(one, 255);
 }
 
@@ -463,7 +463,7 @@ TEST(Reduce, RealSumIsFormedInThePixelType) {
     // 2^24 + 1 is not a float: the float sum of 2^24 and 1 rounds before the scaling.
     const float src[2] = {16777216.0f, 1.0f};
     float out = 0;
-    kix::stats::reduce(src, kix::stats::dense(2), 1, &out);
+    kix::stats::reduce(src, kix::dense(2), 1, &out);
     EXPECT_EQ(out, static_cast<float>(static_cast<double>(16777216.0f + 1.0f) * 0.5));
     EXPECT_EQ(out, 8388608.0f);
 }

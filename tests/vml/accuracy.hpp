@@ -14,21 +14,10 @@
 
 #include <gtest/gtest.h>
 
+#include "support/isa.hpp"
 #include "vml/kernels.hpp"
 
 namespace kixtest {
-
-// Runs f once with each instruction set the processor has, widest last; the
-// kernels' own choice is restored afterwards.
-template <class F>
-void for_each_isa(F f) {
-    for (const char* isa : {"SSE2", "AVX2", "AVX-512F"}) {
-        if (!kix::vml::kernels::force_isa(isa)) continue;
-        SCOPED_TRACE(isa);
-        f();
-    }
-    kix::vml::kernels::force_isa(nullptr);
-}
 
 // A piece of a domain: `count` samples, uniform in [lo, hi] or (log) with
 // magnitudes log-uniform in [lo, hi] > 0, of random sign when `both`.

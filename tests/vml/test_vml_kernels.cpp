@@ -214,34 +214,4 @@ TEST(Special, PolarConversionsRoundTrip) {
     });
 }
 
-TEST(Special, ConvertKeepsValues) {
-    const std::vector<std::int16_t> i = {-32768, -1, 0, 1, 32767};
-    std::vector<float> f(i.size());
-    k::Convert(i.data(), f.data(), 5);
-    for (std::size_t j = 0; j < i.size(); ++j) EXPECT_EQ(f[j], float(i[j]));
-    const std::vector<std::uint32_t> u = {0, 1, 4294967295u, 16777217u};
-    std::vector<double> d(u.size());
-    k::Convert(u.data(), d.data(), 4);
-    for (std::size_t j = 0; j < u.size(); ++j) EXPECT_EQ(d[j], double(u[j]));
-    const std::vector<std::complex<double>> c = {{1.0 / 3, -2.5}, {1e300, 1e-300}};
-    std::vector<std::complex<float>> cf(2);
-    k::Convert(c.data(), cf.data(), 2);
-    EXPECT_EQ(cf[0], std::complex<float>(float(1.0 / 3), -2.5f));
-    EXPECT_EQ(cf[1].real(), INFINITY);
-    EXPECT_EQ(cf[1].imag(), 0.0f);
-}
-
-TEST(Isa, WidestIsChosenAndForcingWorks) {
-    __builtin_cpu_init();
-    const char* want = __builtin_cpu_supports("avx512f") ? "AVX-512F"
-                       : (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) ? "AVX2"
-                                                                                          : "SSE2";
-    EXPECT_STREQ(k::isa_name(), want);
-    EXPECT_TRUE(k::force_isa("SSE2"));
-    EXPECT_STREQ(k::isa_name(), "SSE2");
-    EXPECT_FALSE(k::force_isa("NEON"));
-    EXPECT_TRUE(k::force_isa(nullptr));
-    EXPECT_STREQ(k::isa_name(), want);
-}
-
 }  // namespace

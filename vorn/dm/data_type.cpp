@@ -1,6 +1,6 @@
 #include "vorn/dm/data_type.hpp"
 
-#include <stdexcept>
+#include "runtime/error.hpp"
 
 namespace vorn::dm {
 
@@ -9,7 +9,7 @@ int ToDMDataType(long eType) {
                                   kComplex16};
     // eType + 1 indexes the table; compared unsigned, so eType < -1 is refused too.
     const unsigned long index = static_cast<unsigned long>(eType + 1);
-    if (index >= 11) throw std::invalid_argument("Unknown data type.");
+    if (index >= 11) kix::fail("Unknown data type.");
     return codes[index];
 }
 

@@ -1,33 +1,13 @@
-// How the statistics kernels see an image: sizes, strides, scan positions,
-// and the split of the scan into runs, pieces and slices for the threaded
-// forms.  No host calls.
+// How the statistics kernels split a scan (vorn/dm/geometry.hpp) into runs,
+// pieces and slices for the threaded forms.  No host calls.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 
+#include "vorn/dm/geometry.hpp"
+
 namespace kix::stats {
-
-// Pixel (x, y, z) lies at x + y * row_stride + z * plane_stride (in pixels).
-struct Geometry {
-    std::int64_t nx = 1, ny = 1, nz = 1;
-    std::int64_t row_stride = 1, plane_stride = 1;
-    std::int64_t count() const { return nx * ny * nz; }
-};
-
-// A dense block of nx by ny by nz pixels.
-inline Geometry dense(std::int64_t nx, std::int64_t ny = 1, std::int64_t nz = 1) {
-    return {nx, ny, nz, nx, nx * ny};
-}
-
-// Scan position p (x fastest, then y, then z) as coordinates.
-struct Position {
-    std::int64_t x, y, z;
-};
-inline Position position_of(std::int64_t p, const Geometry& g) {
-    const std::int64_t plane = g.nx * g.ny;
-    return {p % g.nx, (p % plane) / g.nx, p / plane};
-}
 
 // The scan as equal runs of adjacent pixels: the whole image when it is one
 // dense block, its planes when only its rows are packed, its rows otherwise.
