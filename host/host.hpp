@@ -16,6 +16,8 @@
 #include <variant>
 #include <vector>
 
+#include "vorn/dm/data_type.hpp"
+
 struct KixHostCallbacks;
 
 namespace kixhost {
@@ -64,10 +66,12 @@ private:
     T* p_ = nullptr;
 };
 
-// Host pixel-type codes.
+// Host pixel-type codes, under the host's names (the table is vorn/dm/data_type.hpp).
 enum DataType : int {
-    kInt16 = 1, kFloat32 = 2, kComplex64 = 3, kUInt8 = 6, kInt32 = 7, kInt8 = 9,
-    kUInt16 = 10, kUInt32 = 11, kFloat64 = 12, kComplex128 = 13, kBinary = 14, kRGB = 23
+    kInt16 = vorn::dm::kInt16, kFloat32 = vorn::dm::kReal4, kComplex64 = vorn::dm::kComplex8,
+    kUInt8 = vorn::dm::kUInt8, kInt32 = vorn::dm::kInt32, kInt8 = vorn::dm::kInt8, kUInt16 = vorn::dm::kUInt16,
+    kUInt32 = vorn::dm::kUInt32, kFloat64 = vorn::dm::kReal8, kComplex128 = vorn::dm::kComplex16,
+    kBinary = vorn::dm::kBinary, kRGB = vorn::dm::kRGB
 };
 int element_bytes(int data_type);  // throws std::invalid_argument for an unknown code
 
@@ -140,6 +144,10 @@ using Value = std::variant<std::monostate, NullImage, bool, std::int64_t, double
                            std::complex<double>, std::string, ObjectPtr>;
 
 // A script error: the module's message and the handler's context name.
+// Calls of host functions made by modules since the process started (all
+// hosts together): the round trips a script function costs.
+std::uint64_t host_function_calls() noexcept;
+
 class ScriptError : public std::runtime_error {
 public:
     ScriptError(const std::string& message, std::string context)

@@ -11,14 +11,24 @@
 // made in host.cpp.
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "host/detail.hpp"
 
+namespace kixhost {
+namespace {
+std::atomic<std::uint64_t> gHostCalls{0};
+}
+std::uint64_t host_function_calls() noexcept { return gHostCalls.load(std::memory_order_relaxed); }
+}  // namespace kixhost
+
 namespace kixhost::detail {
 namespace {
+
+void count_host_call() noexcept { gHostCalls.fetch_add(1, std::memory_order_relaxed); }
 
 using Tok = KixObject*;
 
@@ -97,6 +107,7 @@ Tok IntegerImage(Tok n, std::int32_t bytes, bool is_signed, std::int32_t w, std:
 
 // Name, host type code, number of dimensions n, then n sizes (each uint32).
 Tok NewImage(Tok n, std::uint32_t type, std::uint32_t ndim, ...) {
+    count_host_call();
     if (ndim < 1 || ndim > 5)
         throw std::invalid_argument("NewImage: an image has 1 to 5 dimensions, not " + std::to_string(ndim) + ".");
     std::int64_t dims[5];
@@ -243,6 +254,7 @@ Tok ImageGetLockedData(Tok i, std::uint32_t, Tok) { return token(new Lock(image_
 // result is the address of pixel (0, 0, ...).  Only slice 0 exists.
 void* ImageData_GetSlice(Tok lock, std::uint32_t slice, std::uint32_t wanted, std::uint32_t* ndim,
                          std::uint32_t* type, std::uint32_t* pack, ...) {
+    count_host_call();
     Object* o = object(lock);
     if (!o || o->kind() != Object::Kind::Lock) throw std::invalid_argument("ImageData_GetSlice: no data lock.");
     const Lock& l = static_cast<const Lock&>(*o);
@@ -354,63 +366,79 @@ void TagGroupSetTagAsString(Tok g, Tok path, Tok v) {
 
 Tok NewThrowableFromString(Tok text) { return token(new Throwable(text_arg(text, "NewThrowableFromString"))); }
 
+// Every call of a host function is counted, so that tests and benchmarks can
+// see how many round trips a script function makes.  The two variadic ones
+// count themselves.
+template <auto F>
+struct Counted;
+template <class R, class... A, R (*F)(A...)>
+struct Counted<F> {
+    static R call(A... a) {
+        count_host_call();
+        return F(a...);
+    }
+};
+template <auto F>
+void* fn() {
+    return reinterpret_cast<void*>(&Counted<F>::call);
+}
 template <class F>
-void* fn(F* f) {
+void* variadic(F* f) {
     return reinterpret_cast<void*>(f);
 }
 
 const HostFunction kFunctions[] = {
-    {"ComplexImagePtr ComplexImage( string, long, long, long, long )", fn(ComplexImage4)},
-    {"ComplexImagePtr ComplexImage( string, long, long, long )", fn(ComplexImage3)},
-    {"ComplexImagePtr ComplexImage( string, long, long )", fn(ComplexImage2)},
-    {"RealImagePtr RealImage( dm_string, uint32, uint32, uint32, uint32 )", fn(RealImage4)},
-    {"RealImagePtr RealImage( dm_string, uint32, uint32, uint32 )", fn(RealImage3)},
-    {"RealImagePtr RealImage( dm_string, uint32, uint32 )", fn(RealImage2)},
-    {"RealImagePtr IntegerImage( string, long, Boolean, long, long )", fn(IntegerImage)},
-    {"BasicImage NewImage( dm_string, uint32, uint32... )", fn(NewImage)},
-    {"ImageRef ImageClone( ImageRef )", fn(ImageClone)},
-    {"BasicImage OpenImage( dm_string )", fn(OpenImage)},
-    {"void ConvertImageData( ImageRef, ImageRef )", fn(ConvertImageData)},
-    {"void ConvertToComplex( ImageRef )", fn(ConvertToComplex)},
-    {"void ConvertToFloat( ImageRef )", fn(ConvertToFloat)},
-    {"void ImageChangeDataType( BasicImage, uint32 )", fn(ImageChangeDataType)},
-    {"RealImagePtr MatrixTranspose( RealImagePtr )", fn(MatrixTranspose)},
-    {"short GetDataType( ImageRef )", fn(GetDataType)},
-    {"dm_string GetName( ImageRef )", fn(GetName)},
-    {"void GetSize( ImageRef, long *, long * )", fn(GetSize)},
-    {"uint32 ImageGetDataElementByteSize( ImageRef )", fn(ImageGetDataElementByteSize)},
-    {"uint32 ImageGetDataType( ImageRef )", fn(ImageGetDataType)},
-    {"uint32 ImageGetDimensionSize( ImageRef, uint32 )", fn(ImageGetDimensionSize)},
-    {"dm_string ImageGetName( ImageRef )", fn(ImageGetName)},
-    {"uint32 ImageGetNumDimensions( ImageRef )", fn(ImageGetNumDimensions)},
-    {"TagGroup ImageGetTagGroup( ImageRef )", fn(ImageGetTagGroup)},
-    {"Boolean ImageIsDataTypeBinary( ImageRef )", fn(ImageIsDataTypeBinary)},
-    {"Boolean ImageIsDataTypeComplex( ImageRef )", fn(ImageIsDataTypeComplex)},
-    {"Boolean ImageIsDataTypeInteger( ImageRef )", fn(ImageIsDataTypeInteger)},
-    {"Boolean ImageIsValid( ImageRef )", fn(ImageIsValid)},
-    {"Boolean IsComplexDataType( ImageRef, long )", fn(IsComplexDataType)},
-    {"Boolean IsRealDataType( ImageRef, long )", fn(IsRealDataType)},
-    {"void ImageCopyCalibrationFrom( ImageRef, ImageRef )", fn(ImageCopyCalibrationFrom)},
+    {"ComplexImagePtr ComplexImage( string, long, long, long, long )", fn<&ComplexImage4>()},
+    {"ComplexImagePtr ComplexImage( string, long, long, long )", fn<&ComplexImage3>()},
+    {"ComplexImagePtr ComplexImage( string, long, long )", fn<&ComplexImage2>()},
+    {"RealImagePtr RealImage( dm_string, uint32, uint32, uint32, uint32 )", fn<&RealImage4>()},
+    {"RealImagePtr RealImage( dm_string, uint32, uint32, uint32 )", fn<&RealImage3>()},
+    {"RealImagePtr RealImage( dm_string, uint32, uint32 )", fn<&RealImage2>()},
+    {"RealImagePtr IntegerImage( string, long, Boolean, long, long )", fn<&IntegerImage>()},
+    {"BasicImage NewImage( dm_string, uint32, uint32... )", variadic(NewImage)},
+    {"ImageRef ImageClone( ImageRef )", fn<&ImageClone>()},
+    {"BasicImage OpenImage( dm_string )", fn<&OpenImage>()},
+    {"void ConvertImageData( ImageRef, ImageRef )", fn<&ConvertImageData>()},
+    {"void ConvertToComplex( ImageRef )", fn<&ConvertToComplex>()},
+    {"void ConvertToFloat( ImageRef )", fn<&ConvertToFloat>()},
+    {"void ImageChangeDataType( BasicImage, uint32 )", fn<&ImageChangeDataType>()},
+    {"RealImagePtr MatrixTranspose( RealImagePtr )", fn<&MatrixTranspose>()},
+    {"short GetDataType( ImageRef )", fn<&GetDataType>()},
+    {"dm_string GetName( ImageRef )", fn<&GetName>()},
+    {"void GetSize( ImageRef, long *, long * )", fn<&GetSize>()},
+    {"uint32 ImageGetDataElementByteSize( ImageRef )", fn<&ImageGetDataElementByteSize>()},
+    {"uint32 ImageGetDataType( ImageRef )", fn<&ImageGetDataType>()},
+    {"uint32 ImageGetDimensionSize( ImageRef, uint32 )", fn<&ImageGetDimensionSize>()},
+    {"dm_string ImageGetName( ImageRef )", fn<&ImageGetName>()},
+    {"uint32 ImageGetNumDimensions( ImageRef )", fn<&ImageGetNumDimensions>()},
+    {"TagGroup ImageGetTagGroup( ImageRef )", fn<&ImageGetTagGroup>()},
+    {"Boolean ImageIsDataTypeBinary( ImageRef )", fn<&ImageIsDataTypeBinary>()},
+    {"Boolean ImageIsDataTypeComplex( ImageRef )", fn<&ImageIsDataTypeComplex>()},
+    {"Boolean ImageIsDataTypeInteger( ImageRef )", fn<&ImageIsDataTypeInteger>()},
+    {"Boolean ImageIsValid( ImageRef )", fn<&ImageIsValid>()},
+    {"Boolean IsComplexDataType( ImageRef, long )", fn<&IsComplexDataType>()},
+    {"Boolean IsRealDataType( ImageRef, long )", fn<&IsRealDataType>()},
+    {"void ImageCopyCalibrationFrom( ImageRef, ImageRef )", fn<&ImageCopyCalibrationFrom>()},
     {"void ImageGetDimensionCalibration( ImageRef, long, float *, float *, dm_string *, long )",
-     fn(ImageGetDimensionCalibration)},
+     fn<&ImageGetDimensionCalibration>()},
     {"void ImageSetDimensionCalibration( ImageRef, long, float, float, dm_string, long )",
-     fn(ImageSetDimensionCalibration)},
-    {"void ImageDataChanged( ImageRef )", fn(ImageDataChanged)},
-    {"ScriptObject ImageGetLockedData( BasicImage, ulong, ScriptObject )", fn(ImageGetLockedData)},
+     fn<&ImageSetDimensionCalibration>()},
+    {"void ImageDataChanged( ImageRef )", fn<&ImageDataChanged>()},
+    {"ScriptObject ImageGetLockedData( BasicImage, ulong, ScriptObject )", fn<&ImageGetLockedData>()},
     {"void *ImageData_GetSlice( ScriptObject img_src, uint32 slice_index, uint32 des_num_dim, uint32 "
      "*act_num_dim, uint32 *data_type, uint32 *pack_style, sint32 *dimension_info...)",
-     fn(ImageData_GetSlice)},
-    {"TagGroup NewTagGroup(  )", fn(NewTagGroup)},
-    {"TagGroup NewTagList(  )", fn(NewTagList)},
-    {"void TagGroupCopyTagsFrom( TagGroup, TagGroup )", fn(TagGroupCopyTagsFrom)},
-    {"long TagGroupCountTags( TagGroup )", fn(TagGroupCountTags)},
-    {"Boolean TagGroupGetIndexedTagAsTagGroup( TagGroup, long, TagGroup * )", fn(TagGroupGetIndexedTagAsTagGroup)},
-    {"Boolean TagGroupGetTagAsString( TagGroup, string, dm_string * )", fn(TagGroupGetTagAsString)},
-    {"void TagGroupInsertTagAsTagGroup( TagGroup, long, TagGroup )", fn(TagGroupInsertTagAsTagGroup)},
-    {"void TagGroupSetTagAsDouble( TagGroup, string, double )", fn(TagGroupSetTagAsDouble)},
-    {"void TagGroupSetTagAsLong( TagGroup, string, long )", fn(TagGroupSetTagAsLong)},
-    {"void TagGroupSetTagAsString( TagGroup, string, dm_string )", fn(TagGroupSetTagAsString)},
-    {"Throwable NewThrowableFromString( dm_string )", fn(NewThrowableFromString)},
+     variadic(ImageData_GetSlice)},
+    {"TagGroup NewTagGroup(  )", fn<&NewTagGroup>()},
+    {"TagGroup NewTagList(  )", fn<&NewTagList>()},
+    {"void TagGroupCopyTagsFrom( TagGroup, TagGroup )", fn<&TagGroupCopyTagsFrom>()},
+    {"long TagGroupCountTags( TagGroup )", fn<&TagGroupCountTags>()},
+    {"Boolean TagGroupGetIndexedTagAsTagGroup( TagGroup, long, TagGroup * )", fn<&TagGroupGetIndexedTagAsTagGroup>()},
+    {"Boolean TagGroupGetTagAsString( TagGroup, string, dm_string * )", fn<&TagGroupGetTagAsString>()},
+    {"void TagGroupInsertTagAsTagGroup( TagGroup, long, TagGroup )", fn<&TagGroupInsertTagAsTagGroup>()},
+    {"void TagGroupSetTagAsDouble( TagGroup, string, double )", fn<&TagGroupSetTagAsDouble>()},
+    {"void TagGroupSetTagAsLong( TagGroup, string, long )", fn<&TagGroupSetTagAsLong>()},
+    {"void TagGroupSetTagAsString( TagGroup, string, dm_string )", fn<&TagGroupSetTagAsString>()},
+    {"Throwable NewThrowableFromString( dm_string )", fn<&NewThrowableFromString>()},
 };
 
 }  // namespace

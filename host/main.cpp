@@ -210,6 +210,11 @@ int main(int argc, char** argv) {
         if (!options.verbose)
             for (const ReportedError& e : host.errors())
                 std::fprintf(stderr, "kixhost: module error %d: %s\n", e.code, e.message.c_str());
+        // A module that refused to start (the version gate) leaves nothing to run.
+        if (host.signatures().empty() && !host.errors().empty()) {
+            std::fprintf(stderr, "kixhost: the module did not start: %s\n", host.errors().front().message.c_str());
+            return 1;
+        }
         if (command == "list") {
             for (const std::string& s : host.signatures()) std::cout << s << "\n";
         } else if (command == "library") {

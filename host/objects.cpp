@@ -28,14 +28,8 @@ long Object::refs() const {
 }
 
 int element_bytes(int data_type) {
-    switch (data_type) {
-        case kInt8: case kUInt8: case kBinary: return 1;
-        case kInt16: case kUInt16: return 2;
-        case kFloat32: case kInt32: case kUInt32: case kRGB: return 4;
-        case kComplex64: case kFloat64: return 8;
-        case kComplex128: return 16;
-        default: throw std::invalid_argument("Unknown image data type " + std::to_string(data_type) + ".");
-    }
+    if (const vorn::dm::PixelType* t = vorn::dm::pixel_type(data_type)) return t->bytes;
+    throw std::invalid_argument("Unknown image data type " + std::to_string(data_type) + ".");
 }
 
 std::byte* Image::data() const { return buffer ? buffer->data() + offset : nullptr; }
@@ -283,21 +277,8 @@ Lock::~Lock() { image->locks.fetch_sub(1); }
 // ------------------------------------------------------------------ images
 
 const char* type_name(int t) {
-    switch (t) {
-        case kInt16: return "Integer 2 Signed";
-        case kFloat32: return "Real 4";
-        case kComplex64: return "Complex 8";
-        case kUInt8: return "Integer 1 Unsigned";
-        case kInt32: return "Integer 4 Signed";
-        case kInt8: return "Integer 1 Signed";
-        case kUInt16: return "Integer 2 Unsigned";
-        case kUInt32: return "Integer 4 Unsigned";
-        case kFloat64: return "Real 8";
-        case kComplex128: return "Complex 16";
-        case kBinary: return "Binary";
-        case kRGB: return "RGB";
-        default: return "unknown";
-    }
+    const vorn::dm::PixelType* p = vorn::dm::pixel_type(t);
+    return p ? p->name : "unknown";
 }
 bool is_complex_type(int t) { return t == kComplex64 || t == kComplex128; }
 bool is_real_type(int t) { return t == kFloat32 || t == kFloat64; }

@@ -27,25 +27,17 @@ namespace {
 // Host pixel-type code <-> numpy dtype (kind, item size).  The first row that
 // matches a dtype wins, so RGB (4 bytes a pixel) reads as uint32 but a uint32
 // array becomes code 11.
-struct PixelType {
-    int code;
-    char kind;
-    int size;
-};
-constexpr PixelType kPixelTypes[] = {
-    {1, 'i', 2},  {2, 'f', 4},  {3, 'c', 8},   {6, 'u', 1},   {7, 'i', 4},  {9, 'i', 1},
-    {10, 'u', 2}, {11, 'u', 4}, {12, 'f', 8},  {13, 'c', 16}, {14, 'b', 1}, {23, 'u', 4},
-};
+using vorn::dm::kPixelTypes;
 
 py::dtype dtype_of(int code) {
-    for (const PixelType& t : kPixelTypes)
-        if (t.code == code) return py::dtype(std::string(1, t.kind) + std::to_string(t.size));
+    if (const vorn::dm::PixelType* t = vorn::dm::pixel_type(code))
+        return py::dtype(std::string(1, t->kind) + std::to_string(t->bytes));
     throw py::type_error("host pixel type " + std::to_string(code) + " has no numpy dtype");
 }
 
 int code_of(const py::dtype& dt) {
-    for (const PixelType& t : kPixelTypes)
-        if (t.kind == dt.kind() && t.size == dt.itemsize()) return t.code;
+    for (const vorn::dm::PixelType& t : kPixelTypes)
+        if (t.code != vorn::dm::kRGB && t.kind == dt.kind() && t.bytes == dt.itemsize()) return t.code;
     throw py::type_error("no host pixel type for numpy dtype " + py::str(py::object(dt)).cast<std::string>() +
                          "; use int8, uint8, int16, uint16, int32, uint32, float32, float64, "
                          "complex64, complex128 or bool, or pass data_type=");
@@ -260,6 +252,14 @@ py::dict calibration(const kixhost::Calibration& c) {
 }  // namespace
 
 PYBIND11_MODULE(_kix, m) {
+    m.def("pixel_types", [] {
+        py::dict out;
+        for (const vorn::dm::PixelType& t : kPixelTypes)
+            if (t.code != vorn::dm::kRGB) out[py::int_(t.code)] = dtype_of(t.code);
+        return out;
+    }, "numpy dtype of each host pixel-type code (RGB has none).");
+    m.def("host_function_calls", &kixhost::host_function_calls,
+          "Host-function calls made by modules since the process started: the round trips a call costs.");
     m.doc() = "The kix module in its reference host";
 
     // kix.ScriptError: str(e) is the module's message, e.context the handler's context name.

@@ -75,6 +75,9 @@ using Binary = Member<binary_fn>;
 #define KIX_X2(name) Binary{nullptr, nullptr, &k::name<cf>, &k::name<cd>}
 
 // --------------------------------------------------------- image helpers
+// The view of an image the script passed, or an empty view for none.
+pixels locked(const Image& img) { return img.IsValid() ? pixels(img) : pixels(); }
+
 bool is_binary_or_integer(int code) { return code == vorn::dm::kBinary || is_integer_code(code); }
 // Real, integer or binary: what the real members read.
 bool is_realish(int code) { return is_real_code(code) || is_binary_or_integer(code); }
@@ -100,11 +103,10 @@ void run_unary(const pixels& src, const pixels& dst, K&& kernel) {
 // The real path of a unary member; kernel(x, y, n) is generic over float
 // and double pointers.
 template <class K>
-Image real_unary(const Image& src, const Image& dst, K&& kernel) {
-    const pixels s(src);
+Image real_unary(const pixels& s, const Image& dst, const pixels& passed, K&& kernel) {
     KIX_CHECK(is_realish(s.code()), kNotReal);
     const Image out = real_destination(dst, s);
-    const pixels d(out);
+    const pixels d = dst.IsValid() ? passed : pixels(out);
     KIX_CHECK(is_real_code(d.code()), kNotReal);
     require_same_size({&s, &d});
     dispatch(real_types{}, d.code(), kInvalid, [&](auto t) {
@@ -116,10 +118,10 @@ Image real_unary(const Image& src, const Image& dst, K&& kernel) {
 }
 
 template <class K>
-Image complex_unary(const pixels& s, const Image& dst, K&& kernel) {
+Image complex_unary(const pixels& s, const Image& dst, const pixels& passed, K&& kernel) {
     KIX_CHECK(is_complex_code(s.code()), kNotComplex);
     const Image out = destination(dst, s);
-    const pixels d(out);
+    const pixels d = dst.IsValid() ? passed : pixels(out);
     KIX_CHECK(is_complex_code(d.code()), kNotComplex);
     require_same_size({&s, &d});
     dispatch(complex_types{}, d.code(), kInvalid, [&](auto t) {
@@ -135,18 +137,16 @@ Image unary(const Unary& m, const Image& src, const Image& dst) {
         using T = std::remove_cvref_t<decltype(*x)>;
         m.get<T>()(x, y, n);
     };
-    if (m.complex()) {
-        // Real-or-complex members take the complex path when the source or a
-        // passed destination is complex; complex-only members always.  An
-        // integer or binary source with a complex destination is refused there
-        // ("Data type should be Complex."): converting it would invent a
-        // complex image the script never asked for.
-        const pixels s(src);
-        const bool complex = !m.real() || is_complex_code(s.code()) ||
-                             (dst.IsValid() && is_complex_code(data_type(dst)));
-        if (complex) return complex_unary(s, dst, kernel);
-    }
-    return real_unary(src, dst, kernel);
+    const pixels s(src), passed = locked(dst);
+    // Real-or-complex members take the complex path when the source or a
+    // passed destination is complex; complex-only members always.  An integer
+    // or binary source with a complex destination is refused there ("Data type
+    // should be Complex."): converting it would invent a complex image the
+    // script never asked for.
+    const bool complex = m.complex() && (!m.real() || is_complex_code(s.code()) ||
+                                         (dst.IsValid() && is_complex_code(passed.code())));
+    if (complex) return complex_unary(s, dst, passed, kernel);
+    return real_unary(s, dst, passed, kernel);
 }
 
 Image binary(const Binary& m, const Image& a, const Image& b, const Image& dst) {
@@ -154,17 +154,17 @@ Image binary(const Binary& m, const Image& a, const Image& b, const Image& dst) 
         using T = std::remove_cvref_t<decltype(*x)>;
         m.get<T>()(x, z, y, n);
     };
-    const pixels pa(a), pb(b);
+    const pixels pa(a), pb(b), passed = locked(dst);
     // The first complex operand in the order A, B, destination decides.
     const bool complex = m.complex() && (!m.real() || is_complex_code(pa.code()) || is_complex_code(pb.code()) ||
-                                         (dst.IsValid() && is_complex_code(data_type(dst))));
+                                         (dst.IsValid() && is_complex_code(passed.code())));
     if (complex) {
         KIX_CHECK(is_complex_code(pa.code()) && is_complex_code(pb.code()), kNotComplex);
     } else {
         KIX_CHECK(is_realish(pa.code()) && is_realish(pb.code()), kNotReal);
     }
     const Image out = complex ? destination(dst, pa) : real_destination(dst, pa);
-    const pixels d(out);
+    const pixels d = dst.IsValid() ? passed : pixels(out);
     KIX_CHECK(complex ? is_complex_code(d.code()) : is_real_code(d.code()), complex ? kNotComplex : kNotReal);
     require_same_size({&pa, &pb, &d});
     auto run = [&](auto t) {
@@ -372,7 +372,7 @@ Image CIS(const Image& src, const Image& dst) {
 }
 
 Image Powx(const Image& src, double b, const Image& dst) {
-    return real_unary(src, dst, [b](const auto* x, auto* y, std::int64_t n) {
+    return real_unary(pixels(src), dst, locked(dst), [b](const auto* x, auto* y, std::int64_t n) {
         using T = std::remove_cvref_t<decltype(*x)>;
         k::Powx(x, static_cast<T>(b), y, n);
     });

@@ -15,14 +15,13 @@ import os as _os
 
 import numpy as _np
 
-from ._kix import Image, Object, ReportedError, ScriptError
+from ._kix import Image, Object, ReportedError, ScriptError, host_function_calls, pixel_types
 from ._kix import Host as _Host
 
-__all__ = ["Host", "Image", "Object", "ReportedError", "ScriptError", "DTYPES", "module_path"]
+__all__ = ["Host", "Image", "Object", "ReportedError", "ScriptError", "DTYPES", "module_path", "host_function_calls"]
 
-#: numpy dtype of each host pixel-type code.
-DTYPES = {1: _np.int16, 2: _np.float32, 3: _np.complex64, 6: _np.uint8, 7: _np.int32, 9: _np.int8,
-          10: _np.uint16, 11: _np.uint32, 12: _np.float64, 13: _np.complex128, 14: _np.bool_}
+#: numpy dtype of each host pixel-type code that has one (the module's own table).
+DTYPES = {code: _np.dtype(dtype).type for code, dtype in pixel_types().items()}
 
 
 def module_path():
@@ -48,6 +47,12 @@ class Host(_Host):
 
     def __init__(self, *, module_path=None, **options):
         super().__init__(module_path=module_path or globals()["module_path"](), **options)
+        # A module that refused to start (the version gate) registered nothing:
+        # say so now rather than at the first call.
+        if not self.signatures() and self.errors():
+            message = self.errors()[0].message
+            self.shutdown()
+            raise ScriptError(message)
 
     def __enter__(self):
         return self

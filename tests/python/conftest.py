@@ -4,8 +4,7 @@ import pytest
 import kix
 
 # Every pixel type with a numpy counterpart.
-DTYPES = {1: np.int16, 2: np.float32, 3: np.complex64, 6: np.uint8, 7: np.int32, 9: np.int8,
-          10: np.uint16, 11: np.uint32, 12: np.float64, 13: np.complex128, 14: np.bool_}
+DTYPES = kix.DTYPES
 
 
 def random_array(rng, shape, dtype):

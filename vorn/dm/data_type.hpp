@@ -20,7 +20,32 @@ enum DataTypeCode : int {
     kReal8 = 12,
     kComplex16 = 13,
     kBinary = 14,
+    kRGB = 23,
 };
+
+// The one table of pixel types: code, numpy-style kind ('i' signed, 'u'
+// unsigned, 'f' real, 'c' complex, 'b' boolean), bytes per pixel and the
+// host's name.  The reference host and the Python front read it from here.
+struct PixelType {
+    int code;
+    char kind;
+    int bytes;
+    const char* name;
+};
+inline constexpr PixelType kPixelTypes[] = {
+    {kInt16, 'i', 2, "Integer 2 Signed"},    {kReal4, 'f', 4, "Real 4"},
+    {kComplex8, 'c', 8, "Complex 8"},        {kUInt8, 'u', 1, "Integer 1 Unsigned"},
+    {kInt32, 'i', 4, "Integer 4 Signed"},    {kInt8, 'i', 1, "Integer 1 Signed"},
+    {kUInt16, 'u', 2, "Integer 2 Unsigned"}, {kUInt32, 'u', 4, "Integer 4 Unsigned"},
+    {kReal8, 'f', 8, "Real 8"},              {kComplex16, 'c', 16, "Complex 16"},
+    {kBinary, 'b', 1, "Binary"},             {kRGB, 'u', 4, "RGB"},
+};
+// The entry of a code, or null for a code the host does not have.
+constexpr const PixelType* pixel_type(int code) {
+    for (const PixelType& t : kPixelTypes)
+        if (t.code == code) return &t;
+    return nullptr;
+}
 
 // Element type of each code, and the code of each element type.
 template <class T>
