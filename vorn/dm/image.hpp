@@ -117,12 +117,8 @@ public:
     using value_type = T;
 
     image() = default;
-    explicit image(const Gatan::DM::Image& img) : image(pixels(img)) {}
-    explicit image(const pixels& p) : pixels(p) {
-        if (code_ != code_of<T>) view_type_error(code_of<T>);
-        rows_ = pitch_[1] / std::int64_t(sizeof(T));
-        planes_ = pitch_[2] / std::int64_t(sizeof(T));
-    }
+    explicit image(const Gatan::DM::Image& img) : pixels(img) { typed(); }
+    explicit image(const pixels& p) : pixels(p) { typed(); }
 
     T& operator()(std::int64_t x) const {
         VORN_ASSERT(x < this->size());
@@ -156,6 +152,12 @@ public:
     kix::Strided<T> strided() const { return {data(), geometry()}; }
 
 private:
+    void typed() {
+        if (code_ != code_of<T>) view_type_error(code_of<T>);
+        rows_ = pitch_[1] / std::int64_t(sizeof(T));
+        planes_ = pitch_[2] / std::int64_t(sizeof(T));
+    }
+
     std::int64_t rows_ = 0, planes_ = 0;
 };
 
