@@ -100,34 +100,22 @@ void run_unary(const pixels& src, const pixels& dst, K&& kernel) {
     kernel(s.data, d.data(), d.size());
 }
 
-// The real path of a unary member; kernel(x, y, n) is generic over float
-// and double pointers.
+// A unary member on the real or the complex path: the source's class, the
+// destination (passed, or made like the source), sizes, then the kernel of the
+// destination's type; kernel(x, y, n) is generic over the element type.
 template <class K>
-Image real_unary(const pixels& s, const Image& dst, const pixels& passed, K&& kernel) {
-    KIX_CHECK(is_realish(s.code()), kNotReal);
-    const Image out = real_destination(dst, s);
+Image unary_path(bool complex, const pixels& s, const Image& dst, const pixels& passed, K&& kernel) {
+    const char* refuse = complex ? kNotComplex : kNotReal;
+    KIX_CHECK(complex ? is_complex_code(s.code()) : is_realish(s.code()), refuse);
+    const Image out = complex ? destination(dst, s) : real_destination(dst, s);
     const pixels d = dst.IsValid() ? passed : pixels(out);
-    KIX_CHECK(is_real_code(d.code()), kNotReal);
+    KIX_CHECK(complex ? is_complex_code(d.code()) : is_real_code(d.code()), refuse);
     require_same_size({&s, &d});
-    dispatch(real_types{}, d.code(), kInvalid, [&](auto t) {
-        using T = typename decltype(t)::type;
-        run_unary<T>(s, d, kernel);
-    });
-    changed(out);
-    return out;
-}
-
-template <class K>
-Image complex_unary(const pixels& s, const Image& dst, const pixels& passed, K&& kernel) {
-    KIX_CHECK(is_complex_code(s.code()), kNotComplex);
-    const Image out = destination(dst, s);
-    const pixels d = dst.IsValid() ? passed : pixels(out);
-    KIX_CHECK(is_complex_code(d.code()), kNotComplex);
-    require_same_size({&s, &d});
-    dispatch(complex_types{}, d.code(), kInvalid, [&](auto t) {
-        using C = typename decltype(t)::type;
-        run_unary<C>(s, d, kernel);
-    });
+    auto run = [&](auto t) { run_unary<typename decltype(t)::type>(s, d, kernel); };
+    if (complex)
+        dispatch(complex_types{}, d.code(), kInvalid, run);
+    else
+        dispatch(real_types{}, d.code(), kInvalid, run);
     changed(out);
     return out;
 }
@@ -145,8 +133,7 @@ Image unary(const Unary& m, const Image& src, const Image& dst) {
     // script never asked for.
     const bool complex = m.complex() && (!m.real() || is_complex_code(s.code()) ||
                                          (dst.IsValid() && is_complex_code(passed.code())));
-    if (complex) return complex_unary(s, dst, passed, kernel);
-    return real_unary(s, dst, passed, kernel);
+    return unary_path(complex, s, dst, passed, kernel);
 }
 
 Image binary(const Binary& m, const Image& a, const Image& b, const Image& dst) {
@@ -372,7 +359,7 @@ Image CIS(const Image& src, const Image& dst) {
 }
 
 Image Powx(const Image& src, double b, const Image& dst) {
-    return real_unary(pixels(src), dst, locked(dst), [b](const auto* x, auto* y, std::int64_t n) {
+    return unary_path(false, pixels(src), dst, locked(dst), [b](const auto* x, auto* y, std::int64_t n) {
         using T = std::remove_cvref_t<decltype(*x)>;
         k::Powx(x, static_cast<T>(b), y, n);
     });
