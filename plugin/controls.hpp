@@ -1,5 +1,6 @@
 // Script handlers of the run-time controls: threads, the SIMD switch,
-// versions and the trace counters.
+// versions and the trace counters (the run-time itself is runtime/, which
+// knows nothing of the host).
 #pragma once
 
 #include <cstdint>
