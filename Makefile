@@ -5,7 +5,7 @@ PYTHON := /usr/bin/python3
 export PYTHONPATH := $(CURDIR)/$(BUILD)/python$(if $(PYTHONPATH),:$(PYTHONPATH))
 export KIX_MODULE := $(CURDIR)/$(BUILD)/libkix.so
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test test-asan fuzz demo bench clean
 
 all: build
 
@@ -23,6 +23,29 @@ build: deps configure
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
 
+# The module, the reference host, the C++ tests and the Python suite under
+# AddressSanitizer and UndefinedBehaviorSanitizer, in a build folder of their own.
+ASAN_BUILD ?= build-asan
+test-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DPython3_EXECUTABLE=$(PYTHON) -DKIX_SANITIZE=ON -DKIX_BUILD_BENCHMARKS=OFF
+	cmake --build $(ASAN_BUILD) -j$(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j$(JOBS)
+
+# Each libFuzzer target for FUZZ_SECONDS, starting from its seed corpus in
+# fuzz/corpus/; what it finds is written to $(FUZZ_BUILD)/ as crash-* files.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZERS := signature call
+fuzz: build
+	CC=clang CXX=clang++ cmake -S fuzz -B $(FUZZ_BUILD)
+	cmake --build $(FUZZ_BUILD) -j$(JOBS)
+	set -e; for t in $(FUZZERS); do \
+	  mkdir -p $(FUZZ_BUILD)/corpus-$$t; \
+	  (cd $(FUZZ_BUILD) && ./$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=30 -rss_limit_mb=4096 \
+	     -detect_leaks=0 -print_final_stats=1 corpus-$$t $(CURDIR)/fuzz/corpus/$$t 2>&1 | tail -n 12); \
+	done
+
 demo: build
 	$(PYTHON) examples/tour.py --out $(BUILD)/tour
 
@@ -30,4 +53,4 @@ bench: build
 	$(PYTHON) bench/compare.py --build $(BUILD)
 
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

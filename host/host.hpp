@@ -143,11 +143,11 @@ struct NullImage {};  // the null image token (no destination)
 using Value = std::variant<std::monostate, NullImage, bool, std::int64_t, double,
                            std::complex<double>, std::string, ObjectPtr>;
 
-// A script error: the module's message and the handler's context name.
 // Calls of host functions made by modules since the process started (all
 // hosts together): the round trips a script function costs.
 std::uint64_t host_function_calls() noexcept;
 
+// A script error: the module's message and the handler's context name.
 class ScriptError : public std::runtime_error {
 public:
     ScriptError(const std::string& message, std::string context)
