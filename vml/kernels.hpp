@@ -16,6 +16,8 @@
 #include <complex>
 #include <cstdint>
 
+#include "vml/simd.hpp"
+
 namespace kix::vml::kernels {
 
 // y[i] = f(x[i]).  Real members: float, double.  Members marked (C) also
@@ -72,5 +74,13 @@ void Polar(const T* rho, const T* theta, std::complex<T>* y, std::int64_t n);
 // cos x + i sin x.
 template <class T>
 void CIS(const T* x, std::complex<T>* y, std::int64_t n);
+
+// Whether a member's vector body may write with streaming stores (for results
+// far larger than the caches): only the members that compute little per value.
+bool memory_bound(simd::Unary op) noexcept;
+bool memory_bound(simd::Binary op) noexcept;
+bool memory_bound(simd::CUnary op) noexcept;
+bool memory_bound(simd::CReal op) noexcept;
+bool memory_bound(simd::CBinary op) noexcept;
 
 }  // namespace kix::vml::kernels

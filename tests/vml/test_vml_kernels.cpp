@@ -214,4 +214,18 @@ TEST(Special, PolarConversionsRoundTrip) {
     });
 }
 
+// Streaming stores slow down the bodies that compute much per value (they
+// wait on memory with the pipeline full); only the cheap ones may use them.
+TEST(Stores, OnlyCheapMembersStream) {
+    namespace s = kix::vml::simd;
+    for (s::Unary op : {s::kExp, s::kExpm1, s::kLn, s::kLog10, s::kLog1p, s::kSin, s::kCos, s::kTan, s::kErf,
+                        s::kErfc, s::kCbrt, s::kAtan, s::kAsinh, s::kTanh, s::kExp2, s::kLog2, s::kPow2o3})
+        EXPECT_FALSE(k::memory_bound(op)) << op;
+    for (s::Binary op : {s::kPow, s::kHypot, s::kAtan2}) EXPECT_FALSE(k::memory_bound(op)) << op;
+    for (s::CUnary op : {s::kCExp, s::kCLn, s::kCSqrt, s::kCLog10}) EXPECT_FALSE(k::memory_bound(op)) << op;
+    EXPECT_FALSE(k::memory_bound(s::kCArg));
+    for (s::Unary op : {s::kSqr, s::kAbs, s::kFloor}) EXPECT_TRUE(k::memory_bound(op)) << op;
+    for (s::Binary op : {s::kAdd, s::kSub, s::kMul}) EXPECT_TRUE(k::memory_bound(op)) << op;
+}
+
 }  // namespace
