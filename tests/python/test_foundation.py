@@ -97,9 +97,19 @@ def test_thread_counts(host):
         host.call("KIXSetNumThreads", before)
 
 
-def test_simd_switch_accepts_both_settings(host):
-    assert host.call("KIXSetUseSIMD", 0) is None
-    assert host.call("KIXSetUseSIMD", 1) is None
+def test_simd_switch_selects_the_generic_minmax(host):
+    # Minima in lane 2 (x = 6), the tail (x = 9) and lane 1 (x = 1 of the next
+    # row) of a 10-wide float image: the vectorised rule takes the lowest lane,
+    # the generic scan the first in scan order.
+    a = np.full((4, 10), 5, np.float32)
+    a[0, 6] = a[0, 9] = a[1, 1] = -1
+    img = host.image(a)
+    try:
+        assert host.call("KIXSetUseSIMD", 0) is None
+        assert host.call("KIXMinMax", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0) == (6, 0, 0, -1.0, 0, 0, 0, 5.0)
+    finally:
+        host.call("KIXSetUseSIMD", 1)
+    assert host.call("KIXMinMax", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0) == (1, 1, 0, -1.0, 0, 0, 0, 5.0)
 
 
 # ---------------------------------------------------------- trace counters
@@ -131,9 +141,11 @@ def test_start_up_counted_from_the_first_entry_point():
 
 def test_start_up_without_floating_windows():
     h = kix.Host(register_floating_windows=False)
-    assert is_subsequence(FOUNDATION, h.signatures())
+    assert h.signatures() == kix.Host().signatures()
     assert h.call("KIXGetVersion") == 50331648
     assert h.errors() == []
+    counters = h.call("KIXDLLTraceGetCounter")
+    assert "PlugIn_RegisterFloatingWindows" not in counters and counters["PlugIn_Start"]["Count"] == 1
 
 
 def test_failing_library_call_raises_and_leaves_its_counter(host):
@@ -146,15 +158,11 @@ def test_failing_library_call_raises_and_leaves_its_counter(host):
     assert host.call("KIXDLLTraceGetCounter")["ToDMDataTypeDM"]["Count"] == 1
 
 
-@pytest.mark.parametrize("etype, code", list(zip(range(-1, 10), [-1, 9, 6, 1, 10, 7, 11, 2, 12, 3, 13])))
-def test_to_dm_data_type_table(host, etype, code):
-    assert host.library_call("KIXToDMDataType", etype) == code
-
-
-@pytest.mark.parametrize("etype", [-2, 10, -2**31, 2**31 - 1])
-def test_to_dm_data_type_rejects(host, etype):
-    with pytest.raises(kix.ScriptError, match=r"^Unknown data type\.$"):
-        host.library_call("KIXToDMDataType", etype)
+def test_to_dm_data_type_table(host):
+    assert [host.library_call("KIXToDMDataType", e) for e in range(-1, 10)] == [-1, 9, 6, 1, 10, 7, 11, 2, 12, 3, 13]
+    for etype in (-2, 10, -2**31, 2**31 - 1):
+        with pytest.raises(kix.ScriptError, match=r"^Unknown data type\.$"):
+            host.library_call("KIXToDMDataType", etype)
 
 
 def smooth(m):
@@ -273,18 +281,13 @@ def test_view_is_zero_copy_in_both_directions(host, rng):
     assert v1.ctypes.data == v2.ctypes.data and v1.flags.writeable
     v1[1, 2] = 42.0
     assert v2[1, 2] == 42.0
-    # A subarea is laid out by the host over the same pixels.
-    sub = host.subarea(img, (1, 2), (2, 3))
-    assert sub.is_subarea and sub.shape == (2, 3)
-    assert sub.numpy()[0, 0] == 42.0
-    sub.numpy()[1, 2] = -7.0
-    assert v1[2, 4] == -7.0
 
 
 def test_subarea_views_follow_the_host_pitches(host, rng):
     a = random_array(rng, (3, 6, 10), np.int16)
     img = host.image(a)
     sub = host.subarea(img, (1, 2, 3), (2, 3, 4))
+    assert sub.is_subarea and sub.shape == (2, 3, 4)
     s = sub.numpy()
     np.testing.assert_array_equal(s, a[1:3, 2:5, 3:7])
     assert s.strides == img.numpy().strides
@@ -345,14 +348,19 @@ def test_integer_arguments(host, n):
     assert host.library_call("KIXPadSize", n) == pad_size(int(n))
 
 
-def test_no_matching_overload_names_the_function(host):
-    for args in [(1,), ("x",)]:
-        with pytest.raises(kix.ScriptError) as e:
-            host.call("KIXGetVersion", *args)
-        assert "KIXGetVersion" in str(e.value) and "long KIXGetVersion()" in str(e.value)
+@pytest.mark.parametrize("name, arg, message", [
+    ("KIXGetVersion", 1, "No signature of KIXGetVersion takes (integer). Its signatures:\n  long KIXGetVersion()"),
+    ("KIXSetNumThreads", "two",
+     "No signature of KIXSetNumThreads takes (string). Its signatures:\n  void KIXSetNumThreads(long n)"),
+    ("KIXSetNumThreads", 2**31, "Argument 1 (long n) of KIXSetNumThreads: 2147483648 is out of the range of long "
+                                "(-2147483648 to 2147483647)."),
+    ("KIXSetNumThreads", -2**31 - 1, "Argument 1 (long n) of KIXSetNumThreads: -2147483649 is out of the range of "
+                                     "long (-2147483648 to 2147483647)."),
+])
+def test_arguments_matching_no_signature(host, name, arg, message):
     with pytest.raises(kix.ScriptError) as e:
-        host.call("KIXSetNumThreads", "two")
-    assert "void KIXSetNumThreads(long n)" in str(e.value)
+        host.call(name, arg)
+    assert str(e.value) == message
 
 
 def test_unknown_function_and_unconvertible_arguments(host):
@@ -368,23 +376,11 @@ def test_unknown_function_and_unconvertible_arguments(host):
         host.call("KIXSetNumThreads", 2**80)
 
 
-MAX_SIGNATURE = "double KIXMax(ImageRef imgSrc, long * nX, long * nY, long * nZ)"
-
-
-def test_by_reference_results(host, rng):
-    if MAX_SIGNATURE not in host.signatures():
-        pytest.skip("the survey family is not registered yet")
-    a = random_array(rng, (3, 4, 5), np.float32)
-    v, x, y, z = host.call("KIXMax", host.image(a), 0, 0, 0)
-    assert v == a.max()
-    assert a[z, y, x] == a.max()
-
-
 # ------------------------------------------------------------------ threads
 
 def test_parallel_calls_from_threads(host):
     host.call("KIXDLLTraceInit")
-    n_threads, n_calls = 4, 300
+    n_threads, n_calls = 4, 100
     failures = []
 
     def work():
@@ -442,8 +438,6 @@ def test_gil_released_during_a_call(host):
 
 
 def test_module_reads_and_writes_through_the_views(host, rng):
-    if not any(s.startswith("ImageRef KIXSqr(") for s in host.signatures()):
-        pytest.skip("the element-wise family is not registered yet")
     a = random_array(rng, (5, 7), np.float64)
     img = host.image(a)
     v = img.numpy()

@@ -134,9 +134,13 @@ TEST_F(StatsCalls, CountersGoToTheHandlersContextNames) {
     // A call that fails adds nothing to its counter.
     ImagePtr z = h.new_image(kComplex64, {4, 4}, "z");
     std::vector<Value> bad = {ObjectPtr(z), 0.0, 0.0, 0.0, 0.0, 0.0};
+    const long held = z->refs();
     std::string context;
     EXPECT_EQ(error_of([&] { h.call("KIXSurvey", bad); }, &context), "Invalid data type.");
     EXPECT_EQ(context, "SurveyDM");
+    // The failed call gave back every reference and lock it took.
+    EXPECT_EQ(z->refs(), held);
+    EXPECT_EQ(z->locks.load(), 0);
     std::vector<Value> n = {ObjectPtr(a), std::int64_t(30)};
     EXPECT_EQ(error_of([&] { h.library_call("KIXNthElement", n); }, &context), "n is out of range.");
     EXPECT_EQ(context, "NthElementDM");
@@ -172,8 +176,11 @@ TEST_F(StatsCalls, SubareasAreScannedWithTheirParentsStrides) {
     ImagePtr second = h.subarea(stack, {0, 0, 1}, {4, 3, 1});
     ImagePtr top = h.subarea(stack, {0, 0, 0}, {4, 3, 1});
     std::vector<Value> into_second = {ObjectPtr(stack), ObjectPtr(second)};
+    const std::vector<float> before(px, px + 36);
     EXPECT_EQ(error_of([&] { h.library_call("KIXMedianZ", into_second); }),
               "Subareas belonging to the same image cannot overlap.");
+    EXPECT_EQ(std::vector<float>(px, px + 36), before);  // a refused call writes nothing
+    EXPECT_EQ(stack->locks.load() + second->locks.load(), 0);
     std::vector<Value> in_place = {ObjectPtr(stack), ObjectPtr(top)};
     h.library_call("KIXMedianZ", in_place);
     for (int i = 0; i < 12; ++i) EXPECT_EQ(px[i], float(i) + 100.0f) << i;  // the middle plane
