@@ -14,9 +14,9 @@ from conftest import random_array
 REAL = [np.float32, np.float64]
 STORED = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
 CODES = {np.dtype(t): c for c, t in kix.DTYPES.items()}
-# Odd and even sizes, single rows and columns, 3-D, and one large enough for the threaded forms.
-SHAPES = [(1,), (2,), (3,), (7,), (31,), (64,), (127,), (129, 1), (1, 129), (3, 7), (31, 31), (64, 64),
-          (5, 127), (3, 5, 7), (4, 17, 33), (301, 1001)]
+# Odd and even sizes, a single row and column, 3-D, and one large enough for the threaded forms
+# (the kernel tests sweep many more).
+SHAPES = [(1,), (2,), (7,), (129, 1), (1, 129), (31, 31), (3, 5, 7), (301, 1001)]
 ids = lambda s: "x".join(map(str, s))
 
 
@@ -60,30 +60,11 @@ def test_survey_matches_numpy(host, rng, simd, dtype, shape):
     np.testing.assert_array_equal(img.numpy(), a)
 
 
-def test_survey_generic_and_vector_agree(host, rng):
-    a = (rng.standard_normal((512, 777)) * 1e4).astype(np.float32)
-    img = host.image(a)
-    host.call("KIXSetUseSIMD", 0)
-    generic = host.call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0)
-    host.call("KIXSetUseSIMD", 1)
-    vector = host.call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0)
-    assert generic[:2] == vector[:2]  # extremes exactly
-    np.testing.assert_allclose(vector[2:], generic[2:], rtol=1e-11)
-
-
 @pytest.mark.parametrize("code", [3, 13, 14], ids=["complex64", "complex128", "binary"])
 def test_survey_refuses_types_without_a_kernel(host, code):
     img = host.new_image((4, 4), code)
     assert script_error(host.call, "KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0) == ("Invalid data type.", "SurveyDM")
     assert script_error(host.call, "KIXSurveyDLL", img, 0.0, 0.0, 0.0, 0.0) == ("Invalid data type.", "SurveyDM")
-
-
-def test_survey_nan_is_skipped_by_extremes_and_spreads_into_sums(host, simd):
-    a = np.arange(100000, dtype=np.float32) - 500
-    a[70000] = np.nan
-    mn, mx, s, sq, sa = host.call("KIXSurvey", host.image(a), 0.0, 0.0, 0.0, 0.0, 0.0)
-    assert (mn, mx) == (-500.0, 99499.0)
-    assert np.isnan(s) and np.isnan(sq) and np.isnan(sa)
 
 
 # ------------------------------------------------------- survey difference
@@ -138,52 +119,6 @@ def test_minmax_min_max_match_numpy(host, rng, dtype, shape):
         assert stable == (*xyz(lo, a.shape), got[3], *xyz(hi, a.shape), got[7])
 
 
-@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
-def test_minmax_stable_reports_the_first_of_two_maxima(host, dtype):
-    a = np.zeros((2, 10), dtype)
-    a[0, 5] = a[1, 1] = 7
-    assert host.library_call("KIXMinMaxStable", host.image(a), 0, 0, 0, 0.0, 0, 0, 0, 0.0)[4:] == (5, 0, 0, 7.0)
-    flat = np.full((3, 10), 2.5, dtype)
-    assert host.library_call("KIXMinMaxStable", host.image(flat), 0, 0, 0, 0.0, 0, 0, 0, 0.0) == \
-        (0, 0, 0, 2.5, 0, 0, 0, 2.5)
-
-
-@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
-@pytest.mark.parametrize("maxima, lanes, first", [
-    ([(6, 0), (1, 1)], (1, 1), (6, 0)),      # lane 1 beats an earlier lane 2
-    ([(5, 0), (1, 1)], (5, 0), (5, 0)),      # one lane: its first occurrence
-    ([(9, 0), (2, 2)], (2, 2), (9, 0)),      # any lane beats an earlier tail pixel
-    ([(8, 1), (9, 0)], (9, 0), (9, 0)),      # tail alone: first in scan order
-], ids=["lower-lane", "same-lane", "lane-before-tail", "tail-only"])
-def test_minmax_lane_rule_picks_the_lowest_lane(host, dtype, maxima, lanes, first):
-    a = np.zeros((4, 10), dtype)  # 10 wide: columns 0-7 form the lanes, 8-9 the tail
-    for x, y in maxima:
-        a[y, x] = 9
-    img = host.image(a)
-    assert host.call("KIXMax", img, 0, 0, 0) == (9.0, *lanes, 0)
-    host.call("KIXSetUseSIMD", 0)  # the generic form is the first-occurrence scan
-    try:
-        assert host.call("KIXMax", img, 0, 0, 0) == (9.0, *first, 0)
-    finally:
-        host.call("KIXSetUseSIMD", 1)
-    assert host.library_call("KIXMinMaxStable", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0)[4:7] == (*first, 0)
-
-
-@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
-def test_nan_at_pixel_zero_is_the_result_elsewhere_skipped(host, rng, simd, dtype):
-    a = rng.standard_normal((300, 301)).astype(dtype)
-    a[0, 0] = np.nan
-    img = host.image(a)
-    for got in (host.call("KIXMinMax", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0),
-                host.library_call("KIXMinMaxStable", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0)):
-        assert got[0:3] == (0, 0, 0) and got[4:7] == (0, 0, 0)
-        assert np.isnan(got[3]) and np.isnan(got[7])
-    a[0, 0] = 0
-    a[100, 7] = np.nan
-    got = host.call("KIXMinMax", host.image(a), 0, 0, 0, 0.0, 0, 0, 0, 0.0)
-    assert (got[3], got[7]) == (float(np.nanmin(a)), float(np.nanmax(a)))
-
-
 def test_extreme_value_messages(host):
     c = host.new_image((3, 3), 3)
     assert script_error(host.call, "KIXMinMax", c, 0, 0, 0, 0.0, 0, 0, 0, 0.0) == ("Invalid data type.", "MinMaxDM")
@@ -218,13 +153,6 @@ def test_reduce_is_the_block_mean(host, rng, dtype, shape):
     np.testing.assert_array_equal(img.numpy(), a)
 
 
-def test_reduce_five_by_three_is_two_by_one(host):
-    a = np.arange(15, dtype=np.float32).reshape(3, 5)
-    out = host.call("KIXReduce", host.image(a)).numpy()
-    assert out.shape == (1, 2)
-    np.testing.assert_array_equal(out, [[(0 + 1 + 5 + 6) / 4, (2 + 3 + 7 + 8) / 4]])
-
-
 def test_reduce_messages(host):
     assert script_error(host.call, "KIXReduce", host.new_image((4, 4), 3)) == ("Invalid data type.", "ReduceDM")
     assert script_error(host.call, "KIXReduce", host.new_image((5, 1), 2)) == ("Invalid image size.", "ReduceDM")
@@ -232,11 +160,6 @@ def test_reduce_messages(host):
 
 
 # -------------------------------------------------------- order statistics
-def test_median_golden_values(host):
-    assert host.library_call("KIXMedian", host.image(np.array([4, 1, 3, 2], np.float32))) == 2.5
-    assert host.library_call("KIXMedian", host.image(np.array([5, 1, 3], np.float64))) == 3.0
-
-
 @pytest.mark.parametrize("shape", [(1,), (2,), (7,), (31, 31), (64, 64), (3, 5, 7), (301, 1001), (4, 256, 256)],
                          ids=ids)
 @pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
@@ -264,15 +187,6 @@ def test_order_statistics_need_real_images(host, code):
     assert script_error(host.library_call, "KIXMedian", img) == ("All data type should be Real.", "MedianDM")
 
 
-def test_nan_poisons_the_median_and_ranks_last(host):
-    a = np.arange(100001, dtype=np.float32)
-    a[5] = np.nan
-    img = host.image(a)
-    assert np.isnan(host.library_call("KIXMedian", img))
-    assert np.isnan(host.library_call("KIXNthElement", img, a.size - 1))
-    assert host.library_call("KIXNthElement", img, a.size - 2) == 100000.0
-
-
 # ---------------------------------------------------------------- median z
 @pytest.mark.parametrize("nz", [1, 2, 3, 8, 16, 17, 300])
 @pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
@@ -283,13 +197,9 @@ def test_median_z_matches_numpy(host, rng, simd, dtype, nz):
     out = host.library_call("KIXMedianZ", host.image(a), dst)
     np.testing.assert_array_equal(out.numpy(), np.median(a, axis=0).astype(dtype))
     np.testing.assert_array_equal(dst.numpy(), out.numpy())
-
-
-def test_median_z_of_two_frames_is_their_mean(host):
-    a = np.stack([np.arange(12, dtype=np.float32).reshape(3, 4), 10 * np.ones((3, 4), np.float32)])
-    out = host.library_call("KIXMedianZ", host.image(a, name="stack"), None)
-    np.testing.assert_array_equal(out.numpy(), a.mean(axis=0))
-    assert out.numpy().dtype == np.float32 and "MedianZ of stack" in repr(out)
+    new = host.library_call("KIXMedianZ", host.image(a, name="stack"), None)  # no destination: a new image
+    assert "MedianZ of stack" in repr(new) and new.data_type == dst.data_type
+    np.testing.assert_array_equal(new.numpy(), out.numpy())
 
 
 @pytest.mark.parametrize("dtype, want", [

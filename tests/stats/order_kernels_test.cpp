@@ -203,17 +203,6 @@ TYPED_TEST(OrderTyped, AMisleadingSampleFallsBackToTheRadixSelection) {
         EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << r;
 }
 
-TYPED_TEST(OrderTyped, TheSourceIsOnlyRead) {
-    using T = TypeParam;
-    for (std::int64_t n : {std::int64_t(1001), std::int64_t(300000)}) {
-        const std::vector<T> v = values<T>(std::size_t(n), Spread::kNormal, 7);
-        std::vector<T> image = v;
-        (void)kix::stats::median(image.data(), kix::dense(n));
-        (void)kix::stats::nth_element(image.data(), kix::dense(n), n / 5);
-        EXPECT_EQ(image, v);
-    }
-}
-
 TYPED_TEST(OrderTyped, StridedImagesSkipTheirPadding) {
     using T = TypeParam;
     // 300 x 400 pixels in rows of 310: the padding holds huge values.
@@ -304,28 +293,6 @@ TYPED_TEST(OrderTyped, MedianZGenericAndVectorMatchSorting) {
             expect_same(vec, want);
         }
     }
-}
-
-TEST(MedianZ, TwoFramesGiveTheirMeanInEveryDestinationType) {
-    const float src[2 * 4] = {1, -1, 250, 3.25f,  // frame 0
-                              2, -4, 400, 3.5f};  // frame 1
-    const Geometry g = kix::dense(4, 1, 2);
-    float f[4];
-    kix::stats::median_z(src, g, f, 4);
-    EXPECT_EQ(f[0], 1.5f);
-    EXPECT_EQ(f[1], -2.5f);
-    EXPECT_EQ(f[2], 325.0f);
-    EXPECT_EQ(f[3], 3.375f);
-    // Integers: half away from zero, saturated.
-    std::int16_t i16[4];
-    kix::stats::median_z(src, g, i16, 4);
-    EXPECT_EQ(std::vector<int>(i16, i16 + 4), (std::vector<int>{2, -3, 325, 3}));
-    std::uint8_t u8[4];
-    kix::stats::median_z(src, g, u8, 4);
-    EXPECT_EQ(std::vector<int>(u8, u8 + 4), (std::vector<int>{2, 0, 255, 3}));
-    double d[4];
-    kix::stats::median_z(src, g, d, 4);
-    EXPECT_EQ(d[3], 3.375);
 }
 
 TEST(MedianZ, ConversionTable) {
