@@ -17,7 +17,7 @@ PEER = os.environ.get("KIX_FFTW_PEER", "")
 
 @pytest.fixture(scope="module")
 def peer():
-    if not Path(PEER).exists():
+    if not PEER or not Path(PEER).is_file():  # Path("") is the working directory
         pytest.skip("fftw_peer is not built")
     p = compare.FFTWPeer(PEER)
     yield p
@@ -60,13 +60,6 @@ def test_fftw_peer_matches_numpy(peer, rng, double, shape, axes):
         np.testing.assert_allclose(c2r.output(), x * np.prod(n), rtol=tol, atol=tol * np.prod(n))
     t = c2r.measure(3)
     assert 0 < t < 1
-
-
-def test_fftw_peer_reports_bad_commands(peer):
-    with pytest.raises(RuntimeError, match="no plan"):
-        peer.ask("run nosuch 1")
-    with pytest.raises(RuntimeError, match="unknown kind"):
-        peer.plan("dct", np.zeros(8, np.complex64))
 
 
 @pytest.mark.filterwarnings("ignore:invalid value")
