@@ -9,7 +9,7 @@ import numpy as np
 import pytest
 
 import kix
-from conftest import random_array
+from conftest import in_order, random_array
 
 REAL = [np.float32, np.float64]
 STORED = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
@@ -49,12 +49,50 @@ def xyz(index, shape):
     return idx[2], idx[1], idx[0]
 
 
+# ---------------------------------------------------- registry and counters
+S6 = "void KIXSurvey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum, double * fSumAbs)"
+S4 = "void KIXSurvey(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum)"
+DIFF = ("void KIXSurveyDifference(ImageRef imgSrc1, ImageRef imgSrc2, double * fSum1, double * fSqSum1, "
+        "double * fSum2, double * fSqSum2, double * fSumDiff, double * fSumSqDiff, double * fSumAbsDiff)")
+POSITIONS = "(ImageRef imgSrc, long * nMinX, long * nMinY, long * nMinZ, double * fMin, long * nMaxX, long * nMaxY, " \
+            "long * nMaxZ, double * fMax)"
+MIN, MAX = ("double KIX%s(ImageRef imgSrc, long * nX, long * nY, long * nZ)" % n for n in ("Min", "Max"))
+
+
+def test_rows_in_their_order(host):
+    # The filter-and-survey registrar runs first; the master's rows follow the runtime's.
+    sigs = host.signatures()
+    assert in_order(["void KIXSurveyDLL(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, "
+                     "double * fSqsum )", "void KIXSetUseSIMD(long isUseSIMD)", "TagGroup KIXDLLTraceGetCounter()",
+                     S6, DIFF, "ImageRef KIXReduce(ImageRef imgSrc)", "void KIXMinMax" + POSITIONS, MIN, MAX], sigs)
+    assert sigs.count(S6) == 1 and S4 not in sigs
+    assert in_order(["double KIXNthElement(ImageRef imgSrc, long n)", "double KIXMedian(ImageRef imgSrc)",
+                     "ImageRef KIXMedianZ(ImageRef imgSrc, ImageRef imgDst)", S6, S4, DIFF,
+                     "void KIXMinMaxStable" + POSITIONS, "void KIXMinMax" + POSITIONS, MIN, MAX],
+                    host.library_signatures())
+
+
+def test_counters_go_to_the_handlers_context_names(host):
+    img = host.image(np.full((5, 6), 2, np.float32))
+    host.call("KIXDLLTraceInit")
+    host.call("KIXSurvey", img, *[0.0] * 5)
+    host.call("KIXSurveyDLL", img, *[0.0] * 4)
+    host.library_call("KIXSurvey", img, *[0.0] * 4)
+    host.call("KIXMin", img, 0, 0, 0)
+    host.call("KIXMax", img, 0, 0, 0)
+    script_error(host.call, "KIXSurvey", host.new_image((4, 4), 3), *[0.0] * 5)  # failed calls add nothing
+    script_error(host.library_call, "KIXNthElement", img, 30)
+    c = host.call("KIXDLLTraceGetCounter")
+    assert (c["SurveyDM"]["Count"], c["MinMaxDM"]["Count"]) == (3, 2)  # Min and Max are halves of MinMax
+    assert "MinDM" not in c and "NthElementDM" not in c
+
+
 # ------------------------------------------------------------------ survey
 @pytest.mark.parametrize("shape", SHAPES, ids=ids)
 @pytest.mark.parametrize("dtype", STORED, ids=lambda t: np.dtype(t).name)
 def test_survey_matches_numpy(host, rng, simd, dtype, shape):
     a = random_array(rng, shape, dtype)
-    img = host.image(a)
+    img = strided(host, a)
     v = a.astype(np.float64)
     mn, mx, s, sq, sa = host.call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0)
     assert (mn, mx) == (v.min(), v.max())
@@ -177,7 +215,7 @@ def test_reduce_messages(host):
 def test_median_and_nth_element_match_numpy(host, rng, simd, dtype, shape):
     a = random_array(rng, shape, dtype)
     a.flat[rng.integers(0, a.size, a.size // 4)] = a.flat[0]  # ties
-    img = host.image(a)
+    img = strided(host, a)
     assert host.library_call("KIXMedian", img) == np.median(a)
     flat = np.sort(a, axis=None)
     for n in sorted({0, a.size - 1, a.size // 2, a.size // 3}):
@@ -226,6 +264,18 @@ def test_median_z_into_other_destination_types(host, dtype, want):
     dst = host.new_image((1, 5), CODES[np.dtype(dtype)])
     host.library_call("KIXMedianZ", host.image(a), dst)
     np.testing.assert_array_equal(dst.numpy()[0], np.array(want, dtype))
+
+
+def test_median_z_into_a_plane_of_its_source(host):
+    a = np.arange(36, dtype=np.float32).reshape(3, 3, 4)
+    stack = host.image(a)
+    second, top = host.subarea(stack, (1, 0, 0), (1, 3, 4)), host.subarea(stack, (0, 0, 0), (1, 3, 4))
+    assert script_error(host.library_call, "KIXMedianZ", stack, second) == \
+        ("Subareas belonging to the same image cannot overlap.", "MedianZDM")
+    np.testing.assert_array_equal(stack.numpy(), a)  # refused: nothing written
+    host.library_call("KIXMedianZ", stack, top)  # the same start: in place
+    np.testing.assert_array_equal(stack.numpy()[0], a[1])
+    np.testing.assert_array_equal(stack.numpy()[1:], a[1:])
 
 
 def test_median_z_messages(host):
