@@ -100,6 +100,6 @@ def test_quick_callpath_run_writes_its_table(tmp_path):
     assert run.returncode == 0, run.stderr
     assert "Python call overhead" in run.stdout
     text = out.read_text()
-    assert "<!-- section: callpath -->" in text and "h.call KIXGetNumThreads" in text
+    assert "<!-- section: callpath -->" in text
     row = next(l for l in text.splitlines() if l.startswith("| h.call KIXGetNumThreads"))
     assert "µs" in row or "ns" in row

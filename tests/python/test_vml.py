@@ -30,40 +30,17 @@ def half_away(x):
 
 # name: (reference, lowest, highest) over the sampled domain
 REAL_UNARY = {
-    "Sqr": (np.square, -1e3, 1e3),
-    "Abs": (np.abs, -1e3, 1e3),
-    "Inv": (lambda x: 1 / x, 0.01, 1e3),
-    "Sqrt": (np.sqrt, 0, 1e6),
-    "InvSqrt": (lambda x: 1 / np.sqrt(x), 1e-3, 1e6),
-    "Cbrt": (np.cbrt, -1e6, 1e6),
-    "InvCbrt": (lambda x: 1 / np.cbrt(x), 0.01, 1e6),
-    "Pow2o3": (lambda x: np.cbrt(x * x), -1e6, 1e6),
-    "Pow3o2": (lambda x: x * np.sqrt(x), 0, 1e6),
-    "Exp": (np.exp, -80, 80),
-    "Expm1": (np.expm1, -80, 80),
-    "Ln": (np.log, 1e-6, 1e6),
-    "Log10": (np.log10, 1e-6, 1e6),
-    "Log1p": (np.log1p, -0.99, 1e6),
-    "Cos": (np.cos, -100, 100),
-    "Sin": (np.sin, -100, 100),
-    "Tan": (np.tan, -1.5, 1.5),
-    "Cosh": (np.cosh, -80, 80),
-    "Sinh": (np.sinh, -80, 80),
-    "Tanh": (np.tanh, -20, 20),
-    "Acos": (np.arccos, -1, 1),
-    "Asin": (np.arcsin, -1, 1),
-    "Atan": (np.arctan, -1e3, 1e3),
-    "Acosh": (np.arccosh, 1, 1e6),
-    "Asinh": (np.arcsinh, -1e6, 1e6),
-    "Atanh": (np.arctanh, -0.999, 0.999),
-    "Erf": (sp.erf, -5, 5),
-    "Erfc": (libm_long_double("erfcl"), -5, 9),
-    "ErfInv": (sp.erfinv, -0.999, 0.999),
-    "Floor": (np.floor, -100, 100),
-    "Ceil": (np.ceil, -100, 100),
-    "Trunc": (np.trunc, -100, 100),
-    "Round": (half_away, -100, 100),
-    "NearbyInt": (np.rint, -100, 100),
+    "Sqr": (np.square, -1e3, 1e3), "Abs": (np.abs, -1e3, 1e3), "Inv": (lambda x: 1 / x, 0.01, 1e3),
+    "Sqrt": (np.sqrt, 0, 1e6), "InvSqrt": (lambda x: 1 / np.sqrt(x), 1e-3, 1e6), "Cbrt": (np.cbrt, -1e6, 1e6),
+    "InvCbrt": (lambda x: 1 / np.cbrt(x), 0.01, 1e6), "Pow2o3": (lambda x: np.cbrt(x * x), -1e6, 1e6),
+    "Pow3o2": (lambda x: x * np.sqrt(x), 0, 1e6), "Exp": (np.exp, -80, 80), "Expm1": (np.expm1, -80, 80),
+    "Ln": (np.log, 1e-6, 1e6), "Log10": (np.log10, 1e-6, 1e6), "Log1p": (np.log1p, -0.99, 1e6),
+    "Cos": (np.cos, -100, 100), "Sin": (np.sin, -100, 100), "Tan": (np.tan, -1.5, 1.5), "Cosh": (np.cosh, -80, 80),
+    "Sinh": (np.sinh, -80, 80), "Tanh": (np.tanh, -20, 20), "Acos": (np.arccos, -1, 1), "Asin": (np.arcsin, -1, 1),
+    "Atan": (np.arctan, -1e3, 1e3), "Acosh": (np.arccosh, 1, 1e6), "Asinh": (np.arcsinh, -1e6, 1e6),
+    "Atanh": (np.arctanh, -0.999, 0.999), "Erf": (sp.erf, -5, 5), "Erfc": (libm_long_double("erfcl"), -5, 9),
+    "ErfInv": (sp.erfinv, -0.999, 0.999), "Floor": (np.floor, -100, 100), "Ceil": (np.ceil, -100, 100),
+    "Trunc": (np.trunc, -100, 100), "Round": (half_away, -100, 100), "NearbyInt": (np.rint, -100, 100),
     "Rint": (np.rint, -100, 100),
 }
 COMPLEX_UNARY = {
@@ -109,12 +86,6 @@ def test_rows_in_their_order(host):
     for want, rows in ((registered, host.signatures()), (library, host.library_signatures())):
         at = rows.index(want[0])
         assert rows[at:at + len(want)] == want
-
-
-@pytest.fixture
-def fresh():
-    with kix.Host() as h:
-        yield h
 
 
 def members(real, complex_):
@@ -207,7 +178,6 @@ def test_polar_conversions_as_library_functions(host, rng):
                                np.log2(np.abs(x)), rtol=4e-16)
     np.testing.assert_allclose(host.library_call("KIXPow", host.image(np.abs(x)), host.image(x / 50), None).numpy(),
                                np.abs(x) ** (x / 50), rtol=4e-16)
-    assert not any("KIXPolar" in s or "KIXNorm" in s for s in host.signatures())
 
 
 # ----------------------------------------------------------- destinations
@@ -354,8 +324,8 @@ def test_failed_checks_leave_the_source_alone(host):
 
 
 # ---------------------------------------------------------- trace counters
-def test_members_share_the_family_counters(fresh):
-    h = fresh
+def test_members_share_the_family_counters(host):
+    h = host
     x = h.image(np.linspace(0.1, 1, 12))
     h.call("KIXDLLTraceInit")
     h.call("KIXExp", x, None)

@@ -203,20 +203,6 @@ TYPED_TEST(OrderTyped, AMisleadingSampleFallsBackToTheRadixSelection) {
         EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << r;
 }
 
-TYPED_TEST(OrderTyped, StridedImagesSkipTheirPadding) {
-    using T = TypeParam;
-    // 300 x 400 pixels in rows of 310: the padding holds huge values.
-    const std::int64_t nx = 300, ny = 400, rs = 310;
-    std::vector<T> store(std::size_t(rs * ny), T(1e30));
-    std::vector<T> pixels = values<T>(std::size_t(nx * ny), Spread::kNormal, 9);
-    for (std::int64_t y = 0; y < ny; ++y)
-        for (std::int64_t x = 0; x < nx; ++x) store[y * rs + x] = pixels[y * nx + x];
-    const Geometry g{nx, ny, 1, rs, rs * ny};
-    std::sort(pixels.begin(), pixels.end());
-    EXPECT_EQ(kix::stats::median(store.data(), g), sorted_median(pixels));
-    EXPECT_EQ(kix::stats::nth_element(store.data(), g, nx * ny - 1), pixels.back());
-}
-
 TYPED_TEST(OrderTyped, NaNRanksAboveInfinityAndPoisonsTheMedian) {
     using T = TypeParam;
     const T nan = std::numeric_limits<T>::quiet_NaN();
