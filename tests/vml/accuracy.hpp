@@ -11,6 +11,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <type_traits>
 #include <vector>
 
@@ -118,6 +119,18 @@ double complex_error(std::complex<T> got, std::complex<long double> r) {
     }
     const std::complex<long double> d(std::complex<long double>(got.real(), got.imag()) - r);
     return double(std::abs(d) / ulp<T>(std::abs(r)));
+}
+
+// The largest of err(i) for i below n (a NaN error counts as the largest), and where.
+template <class E>
+std::pair<double, std::size_t> worst_of(std::size_t n, E err) {
+    double worst = 0;
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double e = err(i);
+        if (!(e <= worst)) worst = e, at = i;
+    }
+    return {worst, at};
 }
 
 template <class T>

@@ -68,12 +68,7 @@ void check_real(const RealCase& c, void (*kernel)(const T*, T*, std::int64_t)) {
     const std::vector<T> x = inputs<T>(c);
     std::vector<T> y(x.size());
     kernel(x.data(), y.data(), std::int64_t(x.size()));
-    double worst = 0;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        const double e = real_error(y[i], c.ref(x[i]));
-        if (!(e <= worst)) worst = e, at = i;
-    }
+    const auto [worst, at] = worst_of(x.size(), [&](std::size_t i) { return real_error(y[i], c.ref(x[i])); });
     EXPECT_LE(worst, c.tol) << c.name << (std::is_same_v<T, float> ? " float" : " double") << " at x = "
                             << show(x[at]) << ": got " << show(y[at]) << ", want " << show(c.ref(x[at]));
 }
@@ -161,12 +156,7 @@ void check_binary(const BinaryCase& c, void (*kernel)(const T*, const T*, T*, st
     b.resize(a.size());
     std::vector<T> y(a.size());
     kernel(a.data(), b.data(), y.data(), std::int64_t(a.size()));
-    double worst = 0;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        const double e = real_error(y[i], c.ref(a[i], b[i]));
-        if (!(e <= worst)) worst = e, at = i;
-    }
+    const auto [worst, at] = worst_of(a.size(), [&](std::size_t i) { return real_error(y[i], c.ref(a[i], b[i])); });
     EXPECT_LE(worst, 2.0) << c.name << " at (" << show(a[at]) << ", " << show(b[at]) << "): got " << show(y[at])
                           << ", want " << show(c.ref(a[at], b[at]));
 }
@@ -251,12 +241,8 @@ void check_complex(const ComplexCase& c,
     const std::vector<std::complex<T>> z = complex_inputs<T>(f ? c.lo_f : c.lo_d, f ? c.hi_f : c.hi_d, 17);
     std::vector<std::complex<T>> y(z.size());
     kernel(z.data(), y.data(), std::int64_t(z.size()));
-    double worst = 0;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < z.size(); ++i) {
-        const double e = complex_error(y[i], c.ref(cl(z[i].real(), z[i].imag())));
-        if (!(e <= worst)) worst = e, at = i;
-    }
+    const auto [worst, at] =
+        worst_of(z.size(), [&](std::size_t i) { return complex_error(y[i], c.ref(cl(z[i].real(), z[i].imag()))); });
     const cl want = c.ref(cl(z[at].real(), z[at].imag()));
     EXPECT_LE(worst, 4.0) << c.name << (f ? " complex<float>" : " complex<double>") << " at " << show(z[at])
                           << ": got " << show(y[at]) << ", want " << show(want);
@@ -327,18 +313,13 @@ void check_complex_binary() {
     for (const Case& c : cases) {
         std::vector<C> y(fa.size());
         c.kernel(fa.data(), c.b->data(), y.data(), std::int64_t(fa.size()));
-        double worst = 0;
-        std::size_t at = 0;
-        for (std::size_t i = 0; i < fa.size(); ++i) {
-            const cl want = c.ref(cl(fa[i].real(), fa[i].imag()), cl((*c.b)[i].real(), (*c.b)[i].imag()));
+        const auto [worst, at] = worst_of(fa.size(), [&](std::size_t i) {
+            const cl x(fa[i].real(), fa[i].imag()), w((*c.b)[i].real(), (*c.b)[i].imag()), want = c.ref(x, w);
             // Sums are measured against the larger operand, as their rounding is.
-            LD scale = std::abs(want);
-            if (c.name[0] == 'A' || c.name[0] == 'S')
-                scale = std::max({scale, std::abs(cl(fa[i].real(), fa[i].imag())),
-                                  std::abs(cl((*c.b)[i].real(), (*c.b)[i].imag()))});
-            const LD err = std::abs(cl(y[i].real(), y[i].imag()) - want) / ulp<T>(scale);
-            if (!(double(err) <= worst)) worst = double(err), at = i;
-        }
+            const LD scale = c.name[0] == 'A' || c.name[0] == 'S' ? std::max({std::abs(want), std::abs(x), std::abs(w)})
+                                                                   : std::abs(want);
+            return double(std::abs(cl(y[i].real(), y[i].imag()) - want) / ulp<T>(scale));
+        });
         EXPECT_LE(worst, 4.0) << c.name << " at " << show(fa[at]) << ", " << show((*c.b)[at]) << ": got "
                               << show(y[at]);
     }

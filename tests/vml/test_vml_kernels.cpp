@@ -50,9 +50,7 @@ void sweep_sizes(K kernel, R ref, T lo, T hi, double tol) {
             for (std::int64_t i = 0; i < n; ++i)
                 worst = std::max(worst, real_error(y[offset + i], ref(x[offset + i])));
             EXPECT_LE(worst, tol);
-            if (offset) {
-                EXPECT_EQ(y[offset - 1], T(-7));
-            }
+            if (offset) { EXPECT_EQ(y[offset - 1], T(-7)); }
             EXPECT_EQ(y[offset + n], T(-7));
             std::vector<T> in_place(x);
             kernel(in_place.data() + offset, in_place.data() + offset, n);
@@ -120,9 +118,7 @@ TEST(Sizes, StreamingStoresOnLargeBuffers) {
             for (std::int64_t i = offset; i < n + offset; ++i) bad += y[i] != a[i] * b[i] || sq[i] != a[i] * a[i];
             EXPECT_EQ(bad, 0);
             EXPECT_EQ(y[n + offset], -7.0f);
-            if (offset) {
-                EXPECT_EQ(y[0], -7.0f);
-            }
+            if (offset) { EXPECT_EQ(y[0], -7.0f); }
         }
     });
 }
