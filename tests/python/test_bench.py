@@ -73,8 +73,7 @@ def test_case_timing_bound_and_mismatch(rng):
     assert r.mismatched == ["wrong"]
     assert set(r.times) == {"kix", "same", "wrong", "copy bound"}
     assert all(0 < t < 0.1 for t in r.times.values())
-    assert r.bound in ("copy stores 1 thread", "copy stores 2 threads", "copy memmove 1 thread",
-                       "copy memmove 2 threads")
+    assert r.bound.startswith("copy ")  # the faster of the copy bounds
     head, rows = compare.table([r])
     assert head[0] == "case" and "copy bound (kix/bound)" in head
     assert rows[0][0] == "sqrt" and "≠" in rows[0][head.index("wrong (kix/wrong)")]

@@ -102,21 +102,15 @@ def test_trace_counters_as_nested_dict(host):
         assert 0.0 <= group["Ticks"] < 1.0  # seconds, and these calls are short
 
 
-def test_start_up_counted_from_the_first_entry_point():
+def test_start_up_counted_and_floating_windows_optional():
     t0 = time.perf_counter()
     h = kix.Host()
     elapsed = time.perf_counter() - t0
     start = h.call("KIXDLLTraceGetCounter")["PlugIn_Start"]
-    assert start["Count"] >= 1
-    assert 0.0 < start["Ticks"] <= elapsed * start["Count"]
-
-
-def test_start_up_without_floating_windows():
-    h = kix.Host(register_floating_windows=False)
-    assert h.signatures() == kix.Host().signatures()
-    assert h.call("KIXGetVersion") == 50331648
-    assert h.errors() == []
-    counters = h.call("KIXDLLTraceGetCounter")
+    assert start["Count"] == 1 and 0.0 < start["Ticks"] <= elapsed
+    quiet = kix.Host(register_floating_windows=False)
+    assert quiet.signatures() == h.signatures() and quiet.errors() == []
+    counters = quiet.call("KIXDLLTraceGetCounter")
     assert "PlugIn_RegisterFloatingWindows" not in counters and counters["PlugIn_Start"]["Count"] == 1
 
 
@@ -317,9 +311,9 @@ def test_arguments_matching_no_signature(host, name, arg, message):
 
 
 def test_unknown_function_and_unconvertible_arguments(host):
-    with pytest.raises(kix.ScriptError, match="KIXNoSuchFunction"):
+    with pytest.raises(kix.ScriptError, match=r"^There is no script function named KIXNoSuchFunction\.$"):
         host.call("KIXNoSuchFunction")
-    with pytest.raises(kix.ScriptError, match="KIXGetVersion"):
+    with pytest.raises(kix.ScriptError, match=r"^There is no script function named KIXGetVersion\.$"):
         host.library_call("KIXGetVersion")  # a registered function is no library function
     with pytest.raises(TypeError, match="h.image"):
         host.call("KIXSetNumThreads", np.ones(3))

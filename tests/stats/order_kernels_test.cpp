@@ -21,6 +21,10 @@ namespace {
 
 using kix::Geometry;
 
+struct Shape {
+    std::int64_t nx, ny, nz;
+};
+
 template <class T>
 T sorted_median(std::vector<T> v) {
     std::sort(v.begin(), v.end());
@@ -131,12 +135,9 @@ TEST(MedianNetwork, SelectsTheMiddleOfEveryZeroOneInput) {
 TYPED_TEST(OrderTyped, NthElementAndMedianOfWholeImages) {
     using T = TypeParam;
     unsigned seed = 200;
-    struct S {
-        std::int64_t nx, ny, nz;
-    };
     // Below and above the size where the radix selection takes over.
-    for (const S s : {S{1, 1, 1}, S{2, 1, 1}, S{7, 3, 1}, S{31, 31, 1}, S{64, 64, 2}, S{1001, 301, 1},
-                      S{256, 256, 3}, S{1 << 18, 1, 1}}) {
+    for (const Shape s : {Shape{1, 1, 1}, Shape{2, 1, 1}, Shape{7, 3, 1}, Shape{31, 31, 1}, Shape{64, 64, 2},
+                          Shape{1001, 301, 1}, Shape{256, 256, 3}, Shape{1 << 18, 1, 1}}) {
         for (Spread spread : {Spread::kNormal, Spread::kNarrow, Spread::kFewValues, Spread::kSpecials}) {
             const std::int64_t n = s.nx * s.ny * s.nz;
             const std::vector<T> v = values<T>(std::size_t(n), spread, seed++);
@@ -144,8 +145,7 @@ TYPED_TEST(OrderTyped, NthElementAndMedianOfWholeImages) {
             std::sort(sorted.begin(), sorted.end());
             const Geometry g = kix::dense(s.nx, s.ny, s.nz);
             SCOPED_TRACE(testing::Message() << n << " pixels, spread " << int(spread));
-            std::vector<std::int64_t> ranks = {0, n - 1, n / 2, n / 3, (n * 7) / 8};
-            for (std::int64_t r : ranks) {
+            for (std::int64_t r : {std::int64_t(0), n - 1, n / 2, n / 3, (n * 7) / 8}) {
                 for (int level : kLevels) {
                     kix::cap_isa_level(level);
                     EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << "rank " << r << " level " << level;
@@ -259,11 +259,8 @@ void expect_same(const std::vector<S>& a, const std::vector<S>& b) {
 TYPED_TEST(OrderTyped, MedianZGenericAndVectorMatchSorting) {
     using S = TypeParam;
     unsigned seed = 400;
-    struct Stack {
-        std::int64_t nx, ny, nz;
-    };
-    for (const Stack s : {Stack{1, 1, 1}, Stack{5, 3, 2}, Stack{17, 9, 3}, Stack{33, 7, 16}, Stack{31, 31, 17},
-                          Stack{3, 2, 300}, Stack{129, 65, 8}, Stack{256, 300, 5}}) {
+    for (const Shape s : {Shape{1, 1, 1}, Shape{5, 3, 2}, Shape{17, 9, 3}, Shape{33, 7, 16}, Shape{31, 31, 17},
+                          Shape{3, 2, 300}, Shape{129, 65, 8}, Shape{256, 300, 5}}) {
         std::vector<S> src = values<S>(std::size_t(s.nx * s.ny * s.nz), Spread::kFewValues, seed++);
         src[src.size() / 2] = std::numeric_limits<S>::quiet_NaN();  // that pixel's median is NaN
         const Geometry g = kix::dense(s.nx, s.ny, s.nz);
