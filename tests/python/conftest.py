@@ -20,6 +20,12 @@ def random_array(rng, shape, dtype):
     return (rng.standard_normal(shape) + 1j * rng.standard_normal(shape)).astype(dtype)
 
 
+def in_order(items, sequence):
+    """items appear in sequence in this order (other entries may sit between)."""
+    it = iter(sequence)
+    return all(any(x == y for y in it) for x in items)
+
+
 @pytest.fixture(scope="session")
 def host():
     """One reference host for the session, with the module started."""

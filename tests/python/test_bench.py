@@ -17,7 +17,7 @@ PEER = os.environ.get("KIX_FFTW_PEER", "")
 
 @pytest.fixture(scope="module")
 def peer():
-    if not Path(PEER).exists():
+    if not PEER or not Path(PEER).is_file():  # Path("") is the working directory
         pytest.skip("fftw_peer is not built")
     p = compare.FFTWPeer(PEER)
     yield p
@@ -62,13 +62,6 @@ def test_fftw_peer_matches_numpy(peer, rng, double, shape, axes):
     assert 0 < t < 1
 
 
-def test_fftw_peer_reports_bad_commands(peer):
-    with pytest.raises(RuntimeError, match="no plan"):
-        peer.ask("run nosuch 1")
-    with pytest.raises(RuntimeError, match="unknown kind"):
-        peer.plan("dct", np.zeros(8, np.complex64))
-
-
 @pytest.mark.filterwarnings("ignore:invalid value")
 def test_case_timing_bound_and_mismatch(rng):
     pool = compare.concurrent.futures.ThreadPoolExecutor(2)
@@ -80,8 +73,7 @@ def test_case_timing_bound_and_mismatch(rng):
     assert r.mismatched == ["wrong"]
     assert set(r.times) == {"kix", "same", "wrong", "copy bound"}
     assert all(0 < t < 0.1 for t in r.times.values())
-    assert r.bound in ("copy stores 1 thread", "copy stores 2 threads", "copy memmove 1 thread",
-                       "copy memmove 2 threads")
+    assert r.bound.startswith("copy ")  # the faster of the copy bounds
     head, rows = compare.table([r])
     assert head[0] == "case" and "copy bound (kix/bound)" in head
     assert rows[0][0] == "sqrt" and "≠" in rows[0][head.index("wrong (kix/wrong)")]
@@ -107,6 +99,6 @@ def test_quick_callpath_run_writes_its_table(tmp_path):
     assert run.returncode == 0, run.stderr
     assert "Python call overhead" in run.stdout
     text = out.read_text()
-    assert "<!-- section: callpath -->" in text and "h.call KIXGetNumThreads" in text
+    assert "<!-- section: callpath -->" in text
     row = next(l for l in text.splitlines() if l.startswith("| h.call KIXGetNumThreads"))
     assert "µs" in row or "ns" in row

