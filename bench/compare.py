@@ -304,6 +304,13 @@ def discover():
 
 # ------------------------------------------------------------------ report
 
+def relative(kix_time, peer_time, peer):
+    """'2.0x faster than numpy' or '1.25x slower than numpy': always a factor above 1."""
+    if kix_time <= peer_time:
+        return f"{peer_time / kix_time:.2f}x faster than {peer}"
+    return f"{kix_time / peer_time:.2f}x slower than {peer}"
+
+
 def fmt_time(t):
     if not math.isfinite(t):
         return "—"
@@ -369,7 +376,8 @@ def machine(threads, host):
         cv = cv2.__version__
     except ImportError:
         cv = "absent"
-    parts = [f"{cpu}, {os.cpu_count()} cores, {threads} threads", host.call("KIXGetVersionString"),
+    parts = [f"{cpu}, {os.cpu_count()} cores, {threads} threads, kix on {host.instruction_set()}",
+             host.call("KIXGetVersionString"),
              f"commit {rev}" if rev else "", f"numpy {np.__version__}", f"scipy {scipy.__version__}",
              f"OpenCV {cv}"]
     return "; ".join(p for p in parts if p)

@@ -170,6 +170,7 @@ struct Host::Impl {
     void (*cleanup)() = nullptr;
     void (*shutdown)() = nullptr;
     KixLibraryFunctionsFn library_functions = nullptr;
+    const char* (*instruction_set)() = nullptr;
 
     detail::Registry scripts;
     detail::Registry library;
@@ -327,6 +328,7 @@ struct Host::Impl {
             cleanup = need<decltype(cleanup)>("PlugInCleanup");
             shutdown = need<decltype(shutdown)>("PlugInShutdown");
             library_functions = reinterpret_cast<KixLibraryFunctionsFn>(dlsym(module, "KIXLibraryFunctions"));
+            instruction_set = reinterpret_cast<const char* (*)()>(dlsym(module, "KIXInstructionSet"));
         } catch (...) {
             dlclose(module);
             module = nullptr;
@@ -495,6 +497,10 @@ CallResult Host::library_call(std::string_view name, std::vector<Value>& args) {
 
 const std::vector<std::string>& Host::signatures() const { return impl_->scripts.signatures(); }
 std::vector<std::string> Host::library_signatures() const { return impl_->library.signatures(); }
+
+std::string Host::instruction_set() const {
+    return impl_->instruction_set ? impl_->instruction_set() : std::string();
+}
 
 void* Host::find_function(std::string_view prototype) const {
     return Impl::cb_find_function(impl_->link, std::string(prototype).c_str());

@@ -204,6 +204,9 @@ public:
     CallResult library_call(std::string_view name, std::vector<Value>& args);
     const std::vector<std::string>& signatures() const;
     std::vector<std::string> library_signatures() const;
+    // The instruction set the module's vector bodies use here (empty when the
+    // module does not say).
+    std::string instruction_set() const;
 
     // Host functions.
     void* find_function(std::string_view prototype) const;

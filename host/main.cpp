@@ -225,6 +225,7 @@ int main(int argc, char** argv) {
                 const CallResult r = host.call(f, none);
                 std::cout << std::get<std::string>(r.result) << "\n";
             }
+            std::cout << "instruction set: " << host.instruction_set() << "\n";
         } else {
             if (i >= argc) return usage("call needs a function name");
             const std::string name = argv[i++];

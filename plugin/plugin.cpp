@@ -127,6 +127,11 @@ KIX_EXPORT void PlugInShutdown() {
     kix::gPlugIn.reset();
 }
 
+// The instruction set the module's vector bodies run here ("AVX-512", "AVX2",
+// "SSE2"), for benchmark reports; the script functions' version texts stay as
+// they are.
+KIX_EXPORT const char* KIXInstructionSet() { return kix::isa_name(kix::isa_level()); }
+
 // The registrar lists that start-up never runs, for hosts that call those
 // functions by signature on request.
 KIX_EXPORT const KixFunctionEntry* KIXLibraryFunctions(std::int32_t list, std::size_t* count) {

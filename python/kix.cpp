@@ -351,6 +351,8 @@ PYBIND11_MODULE(_kix, m) {
              "Call a library-only function (never registered with the host) by name.")
         .def("signatures", [](py::object self) { return host_of(self).signatures(); })
         .def("library_signatures", [](py::object self) { return host_of(self).library_signatures(); })
+        .def("instruction_set", [](py::object self) { return host_of(self).instruction_set(); },
+             "The instruction set the module's vector bodies use on this processor.")
         .def("output", [](py::object self) { return pystr(host_of(self).output()); })
         .def("errors", [](py::object self) { return host_of(self).errors(); })
         .def("image", &image_from, py::arg("array"), py::kw_only(), py::arg("name") = "", py::arg("data_type") = py::none(),

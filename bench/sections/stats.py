@@ -3,6 +3,8 @@ import concurrent.futures
 
 import numpy as np
 
+from compare import relative
+
 TITLE = "Survey family and order statistics"
 DESCRIPTION = """
 `KIXSurvey` (minimum, maximum, sum, sum of squares, sum of absolute values in
@@ -77,6 +79,6 @@ def summary(results):
     lines = []
     for r in results:
         k, t = r.times["kix"], r.times
-        lines.append(f"{r.case.name}: {k * 1e3:.2f} ms, {k / t['read bound']:.2f}x the read bound, "
-                     f"{t['numpy'] / k:.1f}x faster than numpy")
+        lines.append(f"{r.case.name}: {k * 1e3:.2f} ms, {k / t['read bound']:.2f}x the read bound, " +
+                     relative(k, t['numpy'], "numpy"))
     return "\n".join(lines)

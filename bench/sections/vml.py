@@ -2,6 +2,8 @@
 import numpy as np
 import scipy.special as sp
 
+from compare import relative
+
 TITLE = "Element-wise family"
 DESCRIPTION = """
 `KIXAdd`, `KIXMul`, `KIXSqr`, `KIXExp`, `KIXLn`, `KIXSin`, `KIXPow` and
@@ -71,6 +73,6 @@ def summary(results):
     for r in results:
         t = r.times
         peer = "scipy" if "scipy" in t else "numpy"
-        lines.append(f"{r.case.name}: {t['kix'] * 1e3:.2f} ms, {t['kix'] / t['copy bound']:.2f}x the copy bound, "
-                     f"{t[peer] / t['kix']:.1f}x faster than {peer}")
+        lines.append(f"{r.case.name}: {t['kix'] * 1e3:.2f} ms, {t['kix'] / t['copy bound']:.2f}x the copy bound, " +
+                     relative(t['kix'], t[peer], peer))
     return "\n   ".join(lines)
