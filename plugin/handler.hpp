@@ -5,16 +5,15 @@
 //
 // A handler reads as its checks and one kernel call (stats/handlers.cpp):
 //
-//   ImageRef ReduceDM(const Image& src) {
-//       Call call("ReduceDM");
+//   double NthElementDM(const Image& src, std::int32_t n) {
+//       Call call("NthElementDM");
 //       const pixels s(src);                          // one lock: type, sizes, pitches
-//       return dispatch(real_integer_types{}, s.code(), "Invalid data type.", [&](auto t) {
+//       return dispatch(real_types{}, s.code(), "All data type should be Real.", [&](auto t) -> double {
 //           using T = typename decltype(t)::type;
 //           const image<T> v(s);                      // typed view sharing the lock
-//           const image<T> out(new_like(s, code_of<T>, {...}));
-//           stats::reduce(v.strided(), out.strided());   // the kernel: no host calls
-//           changed(out);
-//           return Image(out);
+//           const Geometry g = v.geometry();
+//           if (n < 0 || n >= g.count()) fail("n is out of range.");
+//           return stats::nth_element(v.data(), g, n);   // the kernel: no host calls
 //       });
 //   }
 #pragma once
