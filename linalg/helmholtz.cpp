@@ -283,17 +283,20 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* bd_ax, const T* bd_bx, cons
 
     // 4. Back to grid values, row by row; the singular problem's solution is
     // the one of zero mean over the grid (every node is an unknown there).
-    double mean = 0;
-#pragma omp parallel for schedule(static) reduction(+ : mean)
+    // Row sums added in row order: the result does not depend on the thread count.
+    std::vector<double> row_sum(singular ? std::size_t(Ny) : 0);
+#pragma omp parallel for schedule(static)
     for (std::int64_t t = 0; t < Ny; ++t) {
         T* r = g + t * S;
         Fftw<T>::run(bwd, r);
         if (singular) {
             double s = 0;
             for (std::int64_t i = 0; i < Nx; ++i) s += double(r[i]);
-            mean += s;
+            row_sum[t] = s;
         }
     }
+    double mean = 0;
+    for (const double s : row_sum) mean += s;
     const T shift = singular ? T(mean / double(Nx * Ny)) : T(0);
 
 #pragma omp parallel for schedule(static)

@@ -190,3 +190,23 @@ def test_parameters_are_checked_before_anything_is_written(host):
     host.call("KIXHelmholtz_2D", *DOMAIN, nx, ny, "dnNd", 1.0, a, bx_, bx_, by_, by_)
     host.call("KIXHelmholtz_2D", *DOMAIN, nx, ny, "DNND", 1.0, b, bx_, bx_, by_, by_)
     np.testing.assert_array_equal(a.numpy(), b.numpy())
+
+
+@pytest.mark.parametrize("bc", ["DDDD", "NNNN", "NDDN"])
+def test_thread_count_does_not_change_the_result(host, rng, bc):
+    nx, ny = 300, 257                              # several sweep blocks, rows split over threads
+    data = random_problem(rng, nx, ny)
+    f = data[0]
+    if bc == "NNNN":  # compatible: zero trapezoidal sum
+        w = np.outer(np.r_[0.5, np.ones(ny - 1), 0.5], np.r_[0.5, np.ones(nx - 1), 0.5])
+        f = f - (w * f).sum() / w.sum()
+    zero = [np.zeros(ny + 1), np.zeros(ny + 1), np.zeros(nx + 1), np.zeros(nx + 1)]
+    results = []
+    try:
+        for threads in (1, 2):
+            host.call("KIXSetNumThreads", threads)
+            results.append(solve(host, DOMAIN, nx, ny, bc, 0.5 if bc != "NNNN" else 0.0, f,
+                                 *(zero if bc == "NNNN" else data[1:])))
+    finally:
+        host.call("KIXSetNumThreads", 2)
+    np.testing.assert_array_equal(results[0], results[1])
