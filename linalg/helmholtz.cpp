@@ -127,9 +127,26 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* bd_ax, const T* bd_bx, cons
     T* const g = g_.get();
     T* const cp = cp_.get();
 
+    // The transforms of the x pair, planned before the rows are spread over threads.
+    fftw_r2r_kind forward, backward;
+    double theta0, dtheta;  // theta_k = theta0 + k dtheta
+    const double pi = std::numbers::pi;
+    if (dax && dbx) {
+        forward = backward = FFTW_RODFT00, theta0 = pi / nx, dtheta = pi / nx;
+    } else if (!dax && !dbx) {
+        forward = backward = FFTW_REDFT00, theta0 = 0, dtheta = pi / nx;
+    } else if (dax) {
+        forward = FFTW_RODFT01, backward = FFTW_RODFT10, theta0 = pi / (2 * nx), dtheta = pi / nx;
+    } else {
+        forward = FFTW_REDFT01, backward = FFTW_REDFT10, theta0 = pi / (2 * nx), dtheta = pi / nx;
+    }
+    const auto fwd = row_plan<T>(int(Nx), forward);
+    const auto bwd = row_plan<T>(int(Nx), backward);
+
     // 1. Right-hand side of the unknowns: f, plus the known Dirichlet
     // neighbours (doubled where the row is a Neumann row mirrored onto them),
-    // plus 2 g / h of each Neumann side the node lies on.
+    // plus 2 g / h of each Neumann side the node lies on; then, while the row
+    // is in cache, 2. its forward transform.
     const bool singular = !dax && !dbx && !day && !dby && p.q == 0;
     double abs_sum = 0;  // trapezoidal sum of |rhs|: the scale of the compatibility test
 #pragma omp parallel for schedule(static) reduction(+ : abs_sum)
@@ -162,25 +179,8 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* bd_ax, const T* bd_bx, cons
             for (std::int64_t i = 0; i < Nx; ++i) s += std::abs(double(r[i])) * (i == 0 || i == Nx - 1 ? 0.5 : 1);
             abs_sum += s * (t == 0 || t == Ny - 1 ? 0.5 : 1);
         }
+        Fftw<T>::run(fwd, r);
     }
-
-    // 2. Forward transform of every row.
-    fftw_r2r_kind forward, backward;
-    double theta0, dtheta;  // theta_k = theta0 + k dtheta
-    const double pi = std::numbers::pi;
-    if (dax && dbx) {
-        forward = backward = FFTW_RODFT00, theta0 = pi / nx, dtheta = pi / nx;
-    } else if (!dax && !dbx) {
-        forward = backward = FFTW_REDFT00, theta0 = 0, dtheta = pi / nx;
-    } else if (dax) {
-        forward = FFTW_RODFT01, backward = FFTW_RODFT10, theta0 = pi / (2 * nx), dtheta = pi / nx;
-    } else {
-        forward = FFTW_REDFT01, backward = FFTW_REDFT10, theta0 = pi / (2 * nx), dtheta = pi / nx;
-    }
-    const auto fwd = row_plan<T>(int(Nx), forward);
-    const auto bwd = row_plan<T>(int(Nx), backward);
-#pragma omp parallel for schedule(static)
-    for (std::int64_t t = 0; t < Ny; ++t) Fftw<T>::run(fwd, g + t * S);
 
     // 3. One tridiagonal system along y per mode k:
     //   a_t w(t-1) + b_k w(t) + c_t w(t+1) = g(t, k) / (2n),
@@ -281,35 +281,43 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* bd_ax, const T* bd_bx, cons
         for (std::int64_t t = 0; t < Ny; ++t) g[t * S + k] = h[t];
     }
 
-    // 4. Back to grid values, row by row; the singular problem's solution is
-    // the one of zero mean over the grid (every node is an unknown there).
-    // Row sums added in row order: the result does not depend on the thread count.
-    std::vector<double> row_sum(singular ? std::size_t(Ny) : 0);
-#pragma omp parallel for schedule(static)
-    for (std::int64_t t = 0; t < Ny; ++t) {
-        T* r = g + t * S;
-        Fftw<T>::run(bwd, r);
-        if (singular) {
-            double s = 0;
-            for (std::int64_t i = 0; i < Nx; ++i) s += double(r[i]);
-            row_sum[t] = s;
-        }
-    }
-    double mean = 0;
-    for (const double s : row_sum) mean += s;
-    const T shift = singular ? T(mean / double(Nx * Ny)) : T(0);
-
-#pragma omp parallel for schedule(static)
-    for (std::int64_t j = 0; j <= ny; ++j) {
+    // 4. Back to grid values, row by row, each row written to f as soon as it
+    // is transformed.  The singular problem's solution is the one of zero mean
+    // over the grid (every node is an unknown there): its rows wait for the
+    // mean, summed in row order so that it does not depend on the thread count.
+    auto write_row = [&](std::int64_t j, T shift) {
         T* out = f + j * W;
         if (j < j0 || j > j1) {
             for (std::int64_t i = 0; i <= nx; ++i) out[i] = boundary(i, j);
-            continue;
+            return;
         }
         const T* r = g + (j - j0) * S;
         for (std::int64_t i = 0; i < i0; ++i) out[i] = boundary(i, j);
         for (std::int64_t i = i0; i <= i1; ++i) out[i] = r[i - i0] - shift;
         for (std::int64_t i = i1 + 1; i <= nx; ++i) out[i] = boundary(i, j);
+    };
+    std::vector<double> row_sum(singular ? std::size_t(Ny) : 0);
+#pragma omp parallel for schedule(static)
+    for (std::int64_t t = 0; t < Ny; ++t) {
+        T* r = g + t * S;
+        Fftw<T>::run(bwd, r);
+        if (!singular) {
+            write_row(j0 + t, T(0));
+            continue;
+        }
+        double s = 0;
+        for (std::int64_t i = 0; i < Nx; ++i) s += double(r[i]);
+        row_sum[t] = s;
+    }
+    if (singular) {
+        double sum = 0;
+        for (const double s : row_sum) sum += s;
+        const T shift = T(sum / double(Nx * Ny));
+#pragma omp parallel for schedule(static)
+        for (std::int64_t j = 0; j <= ny; ++j) write_row(j, shift);
+    } else {
+        for (std::int64_t j = 0; j < j0; ++j) write_row(j, T(0));
+        for (std::int64_t j = j1 + 1; j <= ny; ++j) write_row(j, T(0));
     }
 }
 
