@@ -101,8 +101,14 @@ std::int64_t round_up(std::int64_t n, std::int64_t m) { return (n + m - 1) / m *
 }  // namespace
 
 template <class T>
-void helmholtz_2d(const Helmholtz& p, T* f, const T* bd_ax, const T* bd_bx, const T* bd_ay, const T* bd_by) {
+void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_values, const T* ay_values,
+                  const T* by_values) {
     const std::int64_t nx = p.nx, ny = p.ny, W = nx + 1;
+    // The boundary values are read while f is written: copies, in case a
+    // script passed a row of f itself as a side's values.
+    const std::vector<T> ax_copy(ax_values, ax_values + ny + 1), bx_copy(bx_values, bx_values + ny + 1);
+    const std::vector<T> ay_copy(ay_values, ay_values + nx + 1), by_copy(by_values, by_values + nx + 1);
+    const T *bd_ax = ax_copy.data(), *bd_bx = bx_copy.data(), *bd_ay = ay_copy.data(), *bd_by = by_copy.data();
     const bool dax = p.bc[0] == 'D', dbx = p.bc[1] == 'D', day = p.bc[2] == 'D', dby = p.bc[3] == 'D';
     const double hx = (p.bx - p.ax) / double(nx), hy = (p.by - p.ay) / double(ny);
     const double rx = 1 / (hx * hx), ry = 1 / (hy * hy);

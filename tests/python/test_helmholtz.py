@@ -210,3 +210,14 @@ def test_thread_count_does_not_change_the_result(host, rng, bc):
     finally:
         host.call("KIXSetNumThreads", 2)
     np.testing.assert_array_equal(results[0], results[1])
+
+
+def test_a_row_of_f_may_serve_as_boundary_values(host, rng):
+    nx, ny = 8, 6
+    f = rng.standard_normal((ny + 1, nx + 1))
+    img = host.image(f.copy())
+    row = host.subarea(img, [3, 0], [1, nx + 1])  # read as the y sides' values while f is written
+    bax = rng.standard_normal(ny + 1)
+    host.call("KIXHelmholtz_2D", *DOMAIN, nx, ny, "NNDD", 1.0, img, host.image(bax), host.image(bax), row, row)
+    want = reference(DOMAIN, nx, ny, "NNDD", 1.0, f, bax, bax, f[3], f[3])
+    assert np.abs(img.numpy() - want).max() <= 1e-10 * np.abs(want).max()
