@@ -20,8 +20,10 @@
 #include <cstring>
 #include <limits>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <numbers>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -129,9 +131,8 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
     }
 
     const std::int64_t S = round_up(Nx, 64 / std::int64_t(sizeof(T)));
-    Aligned<T> g_(std::size_t(Ny * S)), cp_(std::size_t(Ny * S));
+    Aligned<T> g_(std::size_t(Ny * S));
     T* const g = g_.get();
-    T* const cp = cp_.get();
 
     // The transforms of the x pair, planned before the rows are spread over threads.
     fftw_r2r_kind forward, backward;
@@ -190,59 +191,80 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
 
     // 3. One tridiagonal system along y per mode k:
     //   a_t w(t-1) + b_k w(t) + c_t w(t+1) = g(t, k) / (2n),
-    // a_t = c_t = -1/hy^2 except the mirrored Neumann rows (-2/hy^2).
-    const T scale = T(1 / (2 * double(nx)));
-    const T lower_last = T(!dby ? -2 * ry : -ry), upper_first = T(!day ? -2 * ry : -ry), off = T(-ry);
-    std::vector<T> b(static_cast<std::size_t>(Nx));
+    // a_t = c_t = -1/hy^2 except the mirrored Neumann rows (-2/hy^2).  The
+    // low modes make these systems nearly singular (b_k just above 2/hy^2), so
+    // the sweeps run in double also for single-precision data: in float they
+    // would lose about cond(y system) * eps, 1e-3 relative on a 1024 grid.
+    const double scale = 1 / (2 * double(nx));
+    const double lower_last = !dby ? -2 * ry : -ry, upper_first = !day ? -2 * ry : -ry, off = -ry;
+    std::vector<double> b(static_cast<std::size_t>(Nx));
     std::vector<std::int64_t> special;  // modes Thomas cannot take: indefinite or singular
     for (std::int64_t k = 0; k < Nx; ++k) {
         const double s = std::sin(0.5 * (theta0 + double(k) * dtheta));
         const double shift = 4 * s * s * rx + p.q;
-        b[k] = T(shift + 2 * ry);
+        b[k] = shift + 2 * ry;
         if (shift < 0 || (shift == 0 && !day && !dby)) special.push_back(k);
     }
     // Columns of the special modes, taken before the sweep overwrites them.
-    std::vector<std::vector<T>> columns(special.size(), std::vector<T>(std::size_t(Ny)));
+    std::vector<std::vector<double>> columns(special.size(), std::vector<double>(std::size_t(Ny)));
     for (std::size_t s = 0; s < special.size(); ++s)
-        for (std::int64_t t = 0; t < Ny; ++t) columns[s][t] = g[t * S + special[s]] * scale;
+        for (std::int64_t t = 0; t < Ny; ++t) columns[s][t] = double(g[t * S + special[s]]) * scale;
 
     // Thomas sweeps of all modes at once, row by row, vectorised along k;
-    // every mode here has b_k >= |a_t| + |c_t| (diagonal dominance), so no pivoting.
+    // every mode here has b_k >= |a_t| + |c_t| (diagonal dominance), so no
+    // pivoting.  d holds the eliminated right-hand sides: g itself in double,
+    // its own double array in single precision.
+    Aligned<double> cp_(std::size_t(Ny * S));
+    std::unique_ptr<Aligned<double>> own;
+    if constexpr (!std::is_same_v<T, double>) own = std::make_unique<Aligned<double>>(std::size_t(Ny * S));
+    double* const cp = cp_.get();
+    double* const d = [&] {
+        if constexpr (std::is_same_v<T, double>)
+            return g;
+        else
+            return own->get();
+    }();
     const std::int64_t block = 256;
 #pragma omp parallel for schedule(static)
     for (std::int64_t k0 = 0; k0 < Nx; k0 += block) {
         const std::int64_t k1 = std::min(Nx, k0 + block);
         {
-            T* r = g;
-            T* c = cp;
-            const T up = Ny > 1 ? upper_first : T(0);
+            const double up = Ny > 1 ? upper_first : 0;
 #pragma omp simd
             for (std::int64_t k = k0; k < k1; ++k) {
-                const T inv = T(1) / b[k];
-                c[k] = up * inv;
-                r[k] = r[k] * scale * inv;
+                const double inv = 1 / b[k];
+                cp[k] = up * inv;
+                d[k] = double(g[k]) * scale * inv;
             }
         }
         for (std::int64_t t = 1; t < Ny; ++t) {
-            T* r = g + t * S;
-            const T* rp = r - S;
-            T* c = cp + t * S;
-            const T* cpp = c - S;
-            const T a = t == Ny - 1 ? lower_last : off;
-            const T up = t == Ny - 1 ? T(0) : off;
+            const T* r = g + t * S;
+            double* dt = d + t * S;
+            const double* dp = dt - S;
+            double* c = cp + t * S;
+            const double* cpp = c - S;
+            const double a = t == Ny - 1 ? lower_last : off;
+            const double up = t == Ny - 1 ? 0 : off;
 #pragma omp simd
             for (std::int64_t k = k0; k < k1; ++k) {
-                const T inv = T(1) / (b[k] - a * cpp[k]);
+                const double inv = 1 / (b[k] - a * cpp[k]);
                 c[k] = up * inv;
-                r[k] = (r[k] * scale - a * rp[k]) * inv;
+                dt[k] = (double(r[k]) * scale - a * dp[k]) * inv;
             }
         }
-        for (std::int64_t t = Ny - 2; t >= 0; --t) {
+        for (std::int64_t t = Ny - 1; t >= 0; --t) {
+            double* dt = d + t * S;
+            const double* dn = dt + S;
+            const double* c = cp + t * S;
             T* r = g + t * S;
-            const T* rn = r + S;
-            const T* c = cp + t * S;
+            if (t < Ny - 1) {
 #pragma omp simd
-            for (std::int64_t k = k0; k < k1; ++k) r[k] -= c[k] * rn[k];
+                for (std::int64_t k = k0; k < k1; ++k) dt[k] -= c[k] * dn[k];
+            }
+            if constexpr (!std::is_same_v<T, double>) {
+#pragma omp simd
+                for (std::int64_t k = k0; k < k1; ++k) r[k] = T(dt[k]);
+            }
         }
     }
 
@@ -252,13 +274,13 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
     // iff the weighted sum of the column vanishes; then w(0) = 0 grounds it
     // and the remaining rows determine the rest (row 0 follows from them).
     for (std::size_t s = 0; s < special.size(); ++s) {
-        std::vector<T>& h = columns[s];
+        std::vector<double>& h = columns[s];
         const std::int64_t k = special[s];
         if (singular && k == 0) {
             double sum = 0, weights = 0;
             for (std::int64_t t = 0; t < Ny; ++t) {
                 const double w = t == 0 || t == Ny - 1 ? 0.5 : 1;
-                sum += w * double(h[t]);
+                sum += w * h[t];
                 weights += w;
             }
             // h carries the x transform's factor 2 and the 1/(2n) scale.
@@ -266,25 +288,25 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
             if (std::abs(sum) * double(nx) > tol * abs_sum)
                 fail("The problem has no solution: with Neumann conditions on every side and q = 0 the "
                      "right-hand side must integrate to zero.");
-            const T mean = T(sum / weights);
-            std::vector<T> c(std::size_t(Ny), T(0));
+            const double mean = sum / weights;
+            std::vector<double> c(std::size_t(Ny), 0.0);
             h[0] = 0;
             for (std::int64_t t = 1; t < Ny; ++t) {
-                const T a = t == Ny - 1 ? lower_last : off;
-                const T up = t == Ny - 1 ? T(0) : off;
-                const T inv = T(1) / (b[0] - (t > 1 ? a * c[t - 1] : T(0)));
+                const double a = t == Ny - 1 ? lower_last : off;
+                const double up = t == Ny - 1 ? 0 : off;
+                const double inv = 1 / (b[0] - (t > 1 ? a * c[t - 1] : 0));
                 c[t] = up * inv;
-                h[t] = (h[t] - mean - (t > 1 ? a * h[t - 1] : T(0))) * inv;
+                h[t] = (h[t] - mean - (t > 1 ? a * h[t - 1] : 0)) * inv;
             }
             for (std::int64_t t = Ny - 2; t >= 1; --t) h[t] -= c[t] * h[t + 1];
         } else {
-            std::vector<T> dl(std::size_t(Ny > 1 ? Ny - 1 : 1), off), d(std::size_t(Ny), b[k]),
+            std::vector<double> dl(std::size_t(Ny > 1 ? Ny - 1 : 1), off), dd(std::size_t(Ny), b[k]),
                 du(std::size_t(Ny > 1 ? Ny - 1 : 1), off);
             if (Ny > 1) du[0] = upper_first, dl[Ny - 2] = lower_last;
-            if (lapack::gtsv(int(Ny), 1, dl.data(), d.data(), du.data(), h.data(), int(Ny)) != 0)
+            if (lapack::gtsv(int(Ny), 1, dl.data(), dd.data(), du.data(), h.data(), int(Ny)) != 0)
                 fail("The problem is singular.");
         }
-        for (std::int64_t t = 0; t < Ny; ++t) g[t * S + k] = h[t];
+        for (std::int64_t t = 0; t < Ny; ++t) g[t * S + k] = T(h[t]);
     }
 
     // 4. Back to grid values, row by row, each row written to f as soon as it
