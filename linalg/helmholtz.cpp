@@ -20,7 +20,6 @@
 #include <cstring>
 #include <limits>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <numbers>
 #include <type_traits>
@@ -77,6 +76,51 @@ private:
     T* p_;
 };
 
+// Work storage of one solve.  Each calling thread keeps its block between
+// calls up to kKeepBytes: a fresh block of that size comes from mmap, and
+// faulting its pages in (zeroed) on every call costs about as much as a
+// transform pass.  A larger problem's block is released when the solve ends.
+class Workspace {
+public:
+    static constexpr std::size_t kKeepBytes = std::size_t(64) << 20;
+    explicit Workspace(std::size_t bytes) {
+        Block& kept = cached();
+        if (bytes <= kKeepBytes) {
+            if (kept.bytes < bytes) kept.assign(bytes);
+            p_ = kept.p;
+        } else {
+            own_.assign(bytes);
+            p_ = own_.p;
+        }
+    }
+    // 64-byte aligned.
+    std::byte* get() const { return p_; }
+
+private:
+    struct Block {
+        std::byte* p = nullptr;
+        std::size_t bytes = 0;
+        void assign(std::size_t n) {
+            release();
+            p = static_cast<std::byte*>(fftw_malloc(n));
+            if (!p) fail("Out of memory.");
+            bytes = n;
+        }
+        void release() {
+            if (p) fftw_free(p);
+            p = nullptr;
+            bytes = 0;
+        }
+        ~Block() { release(); }
+    };
+    static Block& cached() {
+        thread_local Block block;
+        return block;
+    }
+    Block own_;
+    std::byte* p_ = nullptr;
+};
+
 // One single-threaded in-place plan per (length, kind), made once: rows are
 // spread over OpenMP threads, so a plan must not start threads of its own.
 template <class T>
@@ -131,8 +175,11 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
     }
 
     const std::int64_t S = round_up(Nx, 64 / std::int64_t(sizeof(T)));
-    Aligned<T> g_(std::size_t(Ny * S));
-    T* const g = g_.get();
+    // g: the rows (T); cp, and d for single precision: the sweeps (double).
+    const std::size_t cells = std::size_t(Ny * S);
+    const Workspace work(cells * (sizeof(T) + sizeof(double) * (std::is_same_v<T, double> ? 1 : 2)));
+    T* const g = reinterpret_cast<T*>(work.get());
+    double* const cp = reinterpret_cast<double*>(work.get() + cells * sizeof(T));
 
     // The transforms of the x pair, planned before the rows are spread over threads.
     fftw_r2r_kind forward, backward;
@@ -214,15 +261,11 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
     // every mode here has b_k >= |a_t| + |c_t| (diagonal dominance), so no
     // pivoting.  d holds the eliminated right-hand sides: g itself in double,
     // its own double array in single precision.
-    Aligned<double> cp_(std::size_t(Ny * S));
-    std::unique_ptr<Aligned<double>> own;
-    if constexpr (!std::is_same_v<T, double>) own = std::make_unique<Aligned<double>>(std::size_t(Ny * S));
-    double* const cp = cp_.get();
     double* const d = [&] {
         if constexpr (std::is_same_v<T, double>)
             return g;
         else
-            return own->get();
+            return cp + cells;
     }();
     const std::int64_t block = 256;
 #pragma omp parallel for schedule(static)
