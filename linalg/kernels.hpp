@@ -109,7 +109,9 @@ struct Helmholtz {
 // returned (the residual component along the constants is dropped), otherwise
 // "The problem has no solution: with Neumann conditions on every side and q =
 // 0 the right-hand side must integrate to zero."  A negative q that makes the
-// system singular raises "The problem is singular.".
+// system singular raises "The problem is singular.".  float data is
+// transformed in single precision; the tridiagonal sweeps run in double for
+// both types (the lowest modes' systems are nearly singular).
 template <class T>
 void helmholtz_2d(const Helmholtz& p, T* f, const T* bd_ax, const T* bd_bx, const T* bd_ay, const T* bd_by);
 
