@@ -1,6 +1,7 @@
 // General product, tridiagonal factorisation and solve, left division, and
 // the blocked transpose the LAPACK kernels copy through.
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <vector>
 
@@ -47,6 +48,17 @@ void left_divide(int m, int n, int nrhs, const T* a, int lda, const T* b, int ld
         if (lu_solve(n, nrhs, a, lda, b, ldb, x, ldx) != 0) fail("Matrix is singular.");
         return;
     }
+    // gelsd scales by the matrix norm; an infinite or NaN entry makes that
+    // scaling an illegal argument, which LAPACK reports through xerbla (in a
+    // process that also holds numpy, xerbla is numpy's and raises a Python
+    // error from inside the call).  Such a system has no solution to give.
+    auto finite = [](const T* p, int rows, int cols, int ld) {
+        for (int r = 0; r < rows; ++r)
+            for (int c = 0; c < cols; ++c)
+                if (!std::isfinite(p[std::size_t(r) * std::size_t(ld) + std::size_t(c)])) return false;
+        return true;
+    };
+    KIX_CHECK(finite(a, m, n, lda) && finite(b, m, nrhs, ldb), "Matrix contains NaN or infinite values.");
     // gelsd: A column-major m x n, B column-major max(m, n) x nrhs; the first
     // n rows of B become X.
     const int ldw = std::max(m, n);

@@ -280,3 +280,11 @@ def test_left_division_messages(host):
     assert script_error(ld, np.ones((2, 2)), np.ones((2, 1)))[0] == "Matrix is singular."
     assert script_error(ld, np.ones((2, 2), np.int32), np.ones((2, 1)))[0] == REAL48
     assert script_error(ld, np.ones((2, 2), np.float32), np.ones((2, 1)))[0] == SAME
+
+
+def test_least_squares_refuses_non_finite_matrices(host):
+    # LAPACK's scaling step would report an illegal argument through xerbla.
+    a = np.ones((4, 5), np.float32)
+    a[1, 2] = np.inf
+    with pytest.raises(kix.ScriptError, match=r"^Matrix contains NaN or infinite values\.$"):
+        host.call("KIXLDivideDLL", host.image(a), host.image(np.ones((4, 2), np.float32)))
