@@ -23,6 +23,8 @@ def test_tour_runs_and_agrees_with_numpy(tmp_path):
     assert "largest difference 0\n" in out
     assert "ScriptError('Data type should be Complex.') from kix::vml::vml_expr2DM" in out
     assert "ScriptError('Data type should be Binary, Integer or Real.') from kix::vml::vml_expr1DM" in out
-    for name in ("diffraction.png", "median_stack.png"):
+    shift = re.search(r"recovered shift \((\S+), (\S+)\)", out)
+    assert shift and abs(float(shift.group(1)) - 3.3) < 0.15 and abs(float(shift.group(2)) + 1.7) < 0.15
+    for name in ("diffraction.png", "power_spectrum.png", "median_stack.png"):
         with open(tmp_path / name, "rb") as f:
             assert f.read(8) == b"\x89PNG\r\n\x1a\n"
