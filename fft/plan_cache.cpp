@@ -114,8 +114,9 @@ Entry::~Entry() {
 // Most geometries a process sees are a handful; beyond this many the least
 // recently used plan goes.
 constexpr std::size_t kCapacity = 64;
-// A measured plan may take at most this long to find (FFTW's own time limit).
-constexpr double kMeasureSeconds = 2.0;
+// A background measurement may take at most this long (FFTW's own time
+// limit): it holds the planner, so a new geometry's first call may wait for it.
+constexpr double kMeasureSeconds = 10.0;
 
 std::string cache_folder() {
     if (const char* x = std::getenv("XDG_CACHE_HOME"); x && *x == '/') return std::string(x) + "/kix";
@@ -123,9 +124,16 @@ std::string cache_folder() {
     return {};
 }
 
-bool measuring_enabled() {
+// KIX_FFT_MEASURE: "0" estimated plans only (no wisdom read or written);
+// "sync" measured plans made at a geometry's first call, on the calling
+// thread, without time limit (batch jobs, benchmarks); unset or anything else:
+// estimated first, measured in the background when the geometry repeats.
+enum class Policy { Estimate, Background, Sync };
+Policy policy() {
     const char* e = std::getenv("KIX_FFT_MEASURE");
-    return !(e && e[0] == '0');
+    if (e && e[0] == '0') return Policy::Estimate;
+    if (e && std::string(e) == "sync") return Policy::Sync;
+    return Policy::Background;
 }
 
 class Cache {
@@ -159,11 +167,18 @@ public:
             std::lock_guard<std::mutex> planner(planner_mutex_);
             // Another thread may have made it while this one waited.
             if (void* found = lookup(key, ain == 0 && aout == 0)) return found;
+            static std::once_flag threads_once;
+            std::call_once(threads_once, [] {
+                fftw_init_threads();
+                fftwf_init_threads();
+            });
+            const Policy how = policy();
+            measure_ = how != Policy::Estimate;
             ensure_started<T>();
             Fftw<T>::nthreads(threads);
             // Measured wisdom from an earlier run costs nothing to use.
             made = measure_ ? make<T>(kind, sign, p, in, out, FFTW_MEASURE | FFTW_WISDOM_ONLY) : nullptr;
-            const bool measured = made != nullptr;
+            bool measured = made != nullptr;
             if (!made) made = make<T>(kind, sign, p, in, out, FFTW_ESTIMATE);
             if (!made) fail("The transform library cannot plan this transform.");
             auto e = std::make_shared<Entry>();
@@ -174,7 +189,12 @@ public:
             e->sign = sign;
             e->in_place = in == out;
             e->plan.store(made);
-            e->measured.store(measured);
+            if (!measured && how == Policy::Sync && ain == 0 && aout == 0) {
+                measure<T>(*e, 0);
+                made = e->plan.load();
+            }
+            e->measured.store(true);
+            if (how != Policy::Sync) e->measured.store(measured);
             e->uses = 1;
             std::lock_guard<std::mutex> lock(map_mutex_);
             e->last_use = ++tick_;
@@ -222,15 +242,9 @@ private:
     template <class T>
     void ensure_started() {
         static bool started = false;  // per precision, under the planner mutex
-        if (started) return;
+        if (started || !measure_) return;
         started = true;
-        static std::once_flag threads;
-        std::call_once(threads, [] {
-            fftw_init_threads();
-            fftwf_init_threads();
-        });
-        measure_ = measuring_enabled();
-        if (measure_) {
+        {
             const std::string folder = cache_folder();
             if (!folder.empty()) Fftw<T>::import_wisdom((folder + "/" + Fftw<T>::wisdom_name).c_str());
         }
@@ -263,8 +277,10 @@ private:
         return n;
     }
 
+    // A measured plan for the entry on scratch arrays, swapped in; `seconds`
+    // bounds the search (0: no bound).  Under the planner mutex.
     template <class T>
-    void measure(Entry& e) {
+    void measure(Entry& e, double seconds) {
         const bool complex_in = e.kind != kR2C, complex_out = e.kind != kC2R;
         const std::size_t in_bytes = extent(e, false) * (complex_in ? 2 : 1) * sizeof(T);
         const std::size_t out_bytes = extent(e, true) * (complex_out ? 2 : 1) * sizeof(T);
@@ -272,7 +288,7 @@ private:
         void* out = e.in_place ? in : Fftw<T>::malloc(out_bytes);
         if (in && out) {
             Fftw<T>::nthreads(static_cast<int>(e.key[6]));
-            Fftw<T>::timelimit(kMeasureSeconds);
+            Fftw<T>::timelimit(seconds > 0 ? seconds : FFTW_NO_TIMELIMIT);
             void* made = make<T>(e.kind, e.sign, e.problem, in, out, FFTW_MEASURE);
             Fftw<T>::timelimit(FFTW_NO_TIMELIMIT);
             if (made) {
@@ -306,9 +322,9 @@ private:
                 std::lock_guard<std::mutex> planner(planner_mutex_);
                 try {
                     if (e->dbl)
-                        measure<double>(*e);
+                        measure<double>(*e, kMeasureSeconds);
                     else
-                        measure<float>(*e);
+                        measure<float>(*e, kMeasureSeconds);
                 } catch (...) {
                 }
                 e.reset();
@@ -329,7 +345,7 @@ private:
     std::thread worker_;
     std::uint64_t tick_ = 0;
     bool stop_ = false, busy_ = false;
-    bool measure_ = true;
+    std::atomic<bool> measure_{true};
 };
 
 Cache& cache() {
