@@ -30,6 +30,13 @@ constexpr const char* kInvalidSize = "Invalid image size.";
 
 using Sizes = std::array<std::int64_t, 3>;
 
+// Transforms have rank 3 at most: a fourth dimension is refused as the view
+// refuses a fifth.
+void require_rank(const pixels& p) {
+    const std::uint32_t nDim = p.num_dimensions();
+    if (!(nDim < 4)) assertion_failed("nDim < 4", "image.hpp", __LINE__);
+}
+
 Sizes sizes_of(const pixels& p) { return {p.width(), p.height(), p.depth()}; }
 
 std::string name_of(const Image& img) { return host::GetName(img).get_string(); }
@@ -74,6 +81,7 @@ Image complex_transform(const Image& src, double fScale, const Image& dst, const
                         bool centred, Run run) {
     const pixels s(src);
     KIX_CHECK(is_complex_code(s.code()), kComplexTypes);
+    require_rank(s);
     const Image out = dst.IsValid() ? dst : make(prefix + name_of(src), s.code(), sizes_of(s), s.num_dimensions());
     const pixels d(out);
     KIX_CHECK(d.code() == s.code(), kComplexTypes);
@@ -126,6 +134,7 @@ Image real_forward(const Image& src, double fScale, const Image& dst, unsigned a
                    Run run) {
     const pixels s(src);
     KIX_CHECK(is_real_code(s.code()), kInvalidType);
+    require_rank(s);
     const Sizes n = sizes_of(s);
     Sizes want = n;
     if (half_axis >= 0) want[half_axis] = n[half_axis] / 2 + 1;
@@ -153,6 +162,7 @@ template <class Run>
 Image real_backward(const Image& src, double fScale, const Image& dst, unsigned axes, int half_axis, Run run) {
     const pixels s(src);
     KIX_CHECK(is_complex_code(s.code()), kInvalidType);
+    require_rank(s);
     Sizes made = sizes_of(s);
     if (half_axis >= 0) made[half_axis] = std::max<std::int64_t>(1, 2 * (made[half_axis] - 1));
     const std::uint32_t ndim = std::max<std::uint32_t>(s.num_dimensions(), half_axis == 2 ? 3 : 1);
@@ -471,6 +481,7 @@ String PreprocessFFTDM(const Image& imgSrc, double fFFTScale, double fIFFTScale,
     KIX_CHECK(d.code() == s.code(), kComplexTypes);
     require_same_size({&s, &d});
     vorn::dm::require_no_overlap(s, d);
+    require_rank(s);
     return String(dispatch(complex_types{}, s.code(), kComplexTypes, [&](auto t) {
         using CT = typename decltype(t)::type;
         using T = typename CT::value_type;
@@ -497,6 +508,7 @@ String PreprocessRealFFTDM(const Image& imgSrc, double fFFTScale, double fIFFTSc
     Call call("kix::PreprocessRealFFTDM");
     const pixels s(imgSrc);
     KIX_CHECK(is_real_code(s.code()), kInvalidType);
+    require_rank(s);
     const Sizes n = sizes_of(s);
     const Image out = cimDst.IsValid() ? cimDst
                                        : make("FFT of " + name_of(imgSrc), complex_of(s.code()),

@@ -191,6 +191,8 @@ def test_complex_family_messages_in_order(host, rng):
         assert script_error(host.call, "KIX" + member, a64, 1.0, host.image(cplx(rng, (3, 6), C128)))[0] == types
         assert script_error(host.call, "KIX" + member, a64, 1.0, host.image(cplx(rng, (3, 6), C64)))[0] == \
             "Images of different size cannot appear in this function."
+    four = host.new_image((2, 2, 3, 4), 3)
+    assert script_error(host.call, "KIXPureFFT", four, 1.0, None)[0].startswith("Assertion failed: nDim < 4")
     parent = host.image(cplx(rng, (8, 8), C64))
     s1, s2 = host.subarea(parent, (0, 0), (4, 4)), host.subarea(parent, (2, 2), (4, 4))
     before = parent.numpy().copy()
