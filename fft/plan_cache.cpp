@@ -136,6 +136,18 @@ Policy policy() {
     return Policy::Background;
 }
 
+// Transforms of at most this many points run on one thread: splitting them
+// gains little when the cores are idle and costs up to tenfold when they are
+// shared, as the threads wait for each other at every pass.
+constexpr std::int64_t kSerialPoints = std::int64_t(1) << 18;
+
+int threads_for(const Problem& p) {
+    std::int64_t points = 1;
+    for (int i = 0; i < p.rank; ++i) points *= p.dims[i].n;
+    for (int i = 0; i < p.loops; ++i) points *= p.loop[i].n;
+    return points <= kSerialPoints ? 1 : std::max(1, omp_get_max_threads());
+}
+
 class Cache {
 public:
     ~Cache() {
@@ -153,7 +165,7 @@ public:
     // The plan for the problem, made on first use with these buffers.
     template <class T>
     void* plan(Kind kind, int sign, const Problem& p, void* in, void* out) {
-        const int threads = std::max(1, omp_get_max_threads());
+        const int threads = threads_for(p);
         const int ain = Fftw<T>::alignment_of(in), aout = Fftw<T>::alignment_of(out);
         Key key{kind, std::is_same_v<T, double>, sign, in == out, ain, aout, threads, p.rank, p.loops};
         for (int i = 0; i < p.rank; ++i) key.insert(key.end(), {p.dims[i].n, p.dims[i].is, p.dims[i].os});
