@@ -361,7 +361,8 @@ float IsHermitianDM(const Image& imgSrc) {
 // ---------------------------------------------------------------- shifters
 namespace {
 
-Image shift(const Image& src, const Image& dst, const fft::ShiftAxis axes[3], double fSign) {
+template <class Run>
+Image shift(const Image& src, const Image& dst, Run run) {
     const pixels s(src);
     KIX_CHECK(is_complex_code(s.code()), kSameComplex);
     const Image out = dst.IsValid() ? dst : new_like(s, s.code());
@@ -373,15 +374,11 @@ Image shift(const Image& src, const Image& dst, const fft::ShiftAxis axes[3], do
         using CT = typename decltype(t)::type;
         const image<CT> vs(s);
         image<CT> vd(d);
-        ShiftAxes(vs, axes, fSign, vd);
+        run(vs, vd);
     });
     changed(out);
     return out;
 }
-
-fft::ShiftAxis centred(long n, long c, double s) { return {true, n, double(c), s, false}; }
-fft::ShiftAxis pure(long n, double s) { return {true, n, 0.0, s, true}; }
-const fft::ShiftAxis kOff{};
 
 }  // namespace
 
@@ -389,64 +386,46 @@ Image ImageShifterDM(const Image& cimSrc, std::int32_t nOrigW, std::int32_t nOri
                      std::int32_t nCX, std::int32_t nCY, std::int32_t nCZ, double fShiftX, double fShiftY,
                      double fShiftZ, double fSign, const Image& cimDst) {
     Call call("kix::ImageShifterDM");
-    const fft::ShiftAxis a[3] = {centred(nOrigW, nCX, fShiftX), centred(nOrigH, nCY, fShiftY),
-                                 centred(nOrigD, nCZ, fShiftZ)};
-    return shift(cimSrc, cimDst, a, fSign);
+    return shift(cimSrc, cimDst, [&](const auto& vs, auto& vd) {
+        ImageShifter(vs, nOrigW, nOrigH, nOrigD, nCX, nCY, nCZ, fShiftX, fShiftY, fShiftZ, fSign, vd);
+    });
 }
 Image PureImageShifterDM(const Image& cimSrc, std::int32_t nOrigW, std::int32_t nOrigH, std::int32_t nOrigD,
                          double fShiftX, double fShiftY, double fShiftZ, double fSign, const Image& cimDst) {
     Call call("kix::PureImageShifterDM");
-    const fft::ShiftAxis a[3] = {pure(nOrigW, fShiftX), pure(nOrigH, fShiftY), pure(nOrigD, fShiftZ)};
-    return shift(cimSrc, cimDst, a, fSign);
+    return shift(cimSrc, cimDst, [&](const auto& vs, auto& vd) {
+        PureImageShifter(vs, nOrigW, nOrigH, nOrigD, fShiftX, fShiftY, fShiftZ, fSign, vd);
+    });
 }
 Image ImageShifterXYDM(const Image& cimSrc, std::int32_t nOrigW, std::int32_t nOrigH, std::int32_t nCX,
                        std::int32_t nCY, double fShiftX, double fShiftY, double fSign, const Image& cimDst) {
     Call call("kix::ImageShifterXYDM");
-    const fft::ShiftAxis a[3] = {centred(nOrigW, nCX, fShiftX), centred(nOrigH, nCY, fShiftY), kOff};
-    return shift(cimSrc, cimDst, a, fSign);
+    return shift(cimSrc, cimDst, [&](const auto& vs, auto& vd) {
+        ImageShifterXY(vs, nOrigW, nOrigH, nCX, nCY, fShiftX, fShiftY, fSign, vd);
+    });
 }
 Image PureImageShifterXYDM(const Image& cimSrc, std::int32_t nOrigW, std::int32_t nOrigH, double fShiftX,
                            double fShiftY, double fSign, const Image& cimDst) {
     Call call("kix::PureImageShifterXYDM");
-    const fft::ShiftAxis a[3] = {pure(nOrigW, fShiftX), pure(nOrigH, fShiftY), kOff};
-    return shift(cimSrc, cimDst, a, fSign);
+    return shift(cimSrc, cimDst, [&](const auto& vs, auto& vd) {
+        PureImageShifterXY(vs, nOrigW, nOrigH, fShiftX, fShiftY, fSign, vd);
+    });
 }
-Image ImageShifterXDM(const Image& cimSrc, std::int32_t nOrigW, std::int32_t nCX, double fShiftX, double fSign,
-                      const Image& cimDst) {
-    Call call("kix::ImageShifterXDM");
-    const fft::ShiftAxis a[3] = {centred(nOrigW, nCX, fShiftX), kOff, kOff};
-    return shift(cimSrc, cimDst, a, fSign);
-}
-Image ImageShifterYDM(const Image& cimSrc, std::int32_t nOrigH, std::int32_t nCY, double fShiftY, double fSign,
-                      const Image& cimDst) {
-    Call call("kix::ImageShifterYDM");
-    const fft::ShiftAxis a[3] = {kOff, centred(nOrigH, nCY, fShiftY), kOff};
-    return shift(cimSrc, cimDst, a, fSign);
-}
-Image ImageShifterZDM(const Image& cimSrc, std::int32_t nOrigD, std::int32_t nCZ, double fShiftZ, double fSign,
-                      const Image& cimDst) {
-    Call call("kix::ImageShifterZDM");
-    const fft::ShiftAxis a[3] = {kOff, kOff, centred(nOrigD, nCZ, fShiftZ)};
-    return shift(cimSrc, cimDst, a, fSign);
-}
-Image PureImageShifterXDM(const Image& cimSrc, std::int32_t nOrigW, double fShiftX, double fSign,
-                          const Image& cimDst) {
-    Call call("kix::PureImageShifterXDM");
-    const fft::ShiftAxis a[3] = {pure(nOrigW, fShiftX), kOff, kOff};
-    return shift(cimSrc, cimDst, a, fSign);
-}
-Image PureImageShifterYDM(const Image& cimSrc, std::int32_t nOrigH, double fShiftY, double fSign,
-                          const Image& cimDst) {
-    Call call("kix::PureImageShifterYDM");
-    const fft::ShiftAxis a[3] = {kOff, pure(nOrigH, fShiftY), kOff};
-    return shift(cimSrc, cimDst, a, fSign);
-}
-Image PureImageShifterZDM(const Image& cimSrc, std::int32_t nOrigD, double fShiftZ, double fSign,
-                          const Image& cimDst) {
-    Call call("kix::PureImageShifterZDM");
-    const fft::ShiftAxis a[3] = {kOff, kOff, pure(nOrigD, fShiftZ)};
-    return shift(cimSrc, cimDst, a, fSign);
-}
+
+#define KIX_AXIS_SHIFTER(Name, centred_args, ...)                                                          \
+    Image Name##DM(const Image& cimSrc, __VA_ARGS__, double fSign, const Image& cimDst) {                  \
+        Call call("kix::" #Name "DM");                                                                      \
+        return shift(cimSrc, cimDst,                                                                        \
+                     [&](const auto& vs, auto& vd) { Name(vs, KIX_UNPAREN centred_args, fSign, vd); });     \
+    }
+#define KIX_UNPAREN(...) __VA_ARGS__
+
+KIX_AXIS_SHIFTER(ImageShifterX, (nOrigW, nCX, fShiftX), std::int32_t nOrigW, std::int32_t nCX, double fShiftX)
+KIX_AXIS_SHIFTER(ImageShifterY, (nOrigH, nCY, fShiftY), std::int32_t nOrigH, std::int32_t nCY, double fShiftY)
+KIX_AXIS_SHIFTER(ImageShifterZ, (nOrigD, nCZ, fShiftZ), std::int32_t nOrigD, std::int32_t nCZ, double fShiftZ)
+KIX_AXIS_SHIFTER(PureImageShifterX, (nOrigW, fShiftX), std::int32_t nOrigW, double fShiftX)
+KIX_AXIS_SHIFTER(PureImageShifterY, (nOrigH, fShiftY), std::int32_t nOrigH, double fShiftY)
+KIX_AXIS_SHIFTER(PureImageShifterZ, (nOrigD, fShiftZ), std::int32_t nOrigD, double fShiftZ)
 
 }  // namespace kix
 

@@ -219,6 +219,105 @@ image<CT>& PureImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long
     return ShiftAxes(src, axes, fSign, dst);
 }
 
+namespace {
+
+fft::ShiftAxis centred_axis(long n, long c, double s) { return {true, n, double(c), s, false}; }
+fft::ShiftAxis pure_axis(long n, double s) { return {true, n, 0.0, s, true}; }
+
+}  // namespace
+
+template <class CT>
+image<CT>& ImageShifterXY(const image<CT>& src, long nOrigW, long nOrigH, long nCX, long nCY, double fShiftX,
+                          double fShiftY, double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {centred_axis(nOrigW, nCX, fShiftX), centred_axis(nOrigH, nCY, fShiftY), {}};
+    return ShiftAxes(src, a, fSign, dst);
+}
+template <class CT>
+image<CT>& PureImageShifterXY(const image<CT>& src, long nOrigW, long nOrigH, double fShiftX, double fShiftY,
+                              double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {pure_axis(nOrigW, fShiftX), pure_axis(nOrigH, fShiftY), {}};
+    return ShiftAxes(src, a, fSign, dst);
+}
+template <class CT>
+image<CT>& ImageShifterX(const image<CT>& src, long nOrigW, long nCX, double fShiftX, double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {centred_axis(nOrigW, nCX, fShiftX), {}, {}};
+    return ShiftAxes(src, a, fSign, dst);
+}
+template <class CT>
+image<CT>& ImageShifterY(const image<CT>& src, long nOrigH, long nCY, double fShiftY, double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {{}, centred_axis(nOrigH, nCY, fShiftY), {}};
+    return ShiftAxes(src, a, fSign, dst);
+}
+template <class CT>
+image<CT>& ImageShifterZ(const image<CT>& src, long nOrigD, long nCZ, double fShiftZ, double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {{}, {}, centred_axis(nOrigD, nCZ, fShiftZ)};
+    return ShiftAxes(src, a, fSign, dst);
+}
+template <class CT>
+image<CT>& PureImageShifterX(const image<CT>& src, long nOrigW, double fShiftX, double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {pure_axis(nOrigW, fShiftX), {}, {}};
+    return ShiftAxes(src, a, fSign, dst);
+}
+template <class CT>
+image<CT>& PureImageShifterY(const image<CT>& src, long nOrigH, double fShiftY, double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {{}, pure_axis(nOrigH, fShiftY), {}};
+    return ShiftAxes(src, a, fSign, dst);
+}
+template <class CT>
+image<CT>& PureImageShifterZ(const image<CT>& src, long nOrigD, double fShiftZ, double fSign, image<CT>& dst) {
+    const fft::ShiftAxis a[3] = {{}, {}, pure_axis(nOrigD, fShiftZ)};
+    return ShiftAxes(src, a, fSign, dst);
+}
+
+namespace {
+
+template <class T>
+void shift_planes(int nx, int ny, int nz, int src_row, int src_plane, const std::complex<T>* src,
+                  const fft::ShiftAxis axes[3], double fSign, int dst_row, int dst_plane, std::complex<T>* dst) {
+    KIX_CHECK(src && dst, "Parameters are invalid.");
+    KIX_CHECK(nx > 0 && ny > 0 && nz > 0, "Parameters are invalid.");
+    fft::phase_ramp<T>({src, {nx, ny, nz, src_row, src_plane}}, {dst, {nx, ny, nz, dst_row, dst_plane}}, axes,
+                       fSign);
+}
+
+}  // namespace
+
+template <class T>
+void ImageShifterXY(int nx, int ny, int nz, int src_row, int src_plane, const std::complex<T>* src, int nOrigW,
+                    int nOrigH, int nCX, int nCY, double fShiftX, double fShiftY, double fSign, int dst_row,
+                    int dst_plane, std::complex<T>* dst) {
+    const fft::ShiftAxis a[3] = {centred_axis(nOrigW, nCX, fShiftX), centred_axis(nOrigH, nCY, fShiftY), {}};
+    shift_planes<T>(nx, ny, nz, src_row, src_plane, src, a, fSign, dst_row, dst_plane, dst);
+}
+template <class T>
+void PureImageShifterXY(int nx, int ny, int nz, int src_row, int src_plane, const std::complex<T>* src,
+                        int nOrigW, int nOrigH, double fShiftX, double fShiftY, double fSign, int dst_row,
+                        int dst_plane, std::complex<T>* dst) {
+    const fft::ShiftAxis a[3] = {pure_axis(nOrigW, fShiftX), pure_axis(nOrigH, fShiftY), {}};
+    shift_planes<T>(nx, ny, nz, src_row, src_plane, src, a, fSign, dst_row, dst_plane, dst);
+}
+
+#define KIX_SHIFTERS(CT)                                                                                        \
+    template image<CT>& ImageShifterXY<CT>(const image<CT>&, long, long, long, long, double, double, double,    \
+                                           image<CT>&);                                                         \
+    template image<CT>& PureImageShifterXY<CT>(const image<CT>&, long, long, double, double, double, image<CT>&); \
+    template image<CT>& ImageShifterX<CT>(const image<CT>&, long, long, double, double, image<CT>&);            \
+    template image<CT>& ImageShifterY<CT>(const image<CT>&, long, long, double, double, image<CT>&);            \
+    template image<CT>& ImageShifterZ<CT>(const image<CT>&, long, long, double, double, image<CT>&);            \
+    template image<CT>& PureImageShifterX<CT>(const image<CT>&, long, double, double, image<CT>&);              \
+    template image<CT>& PureImageShifterY<CT>(const image<CT>&, long, double, double, image<CT>&);              \
+    template image<CT>& PureImageShifterZ<CT>(const image<CT>&, long, double, double, image<CT>&);
+KIX_SHIFTERS(std::complex<float>)
+KIX_SHIFTERS(std::complex<double>)
+template void ImageShifterXY<float>(int, int, int, int, int, const std::complex<float>*, int, int, int, int, double,
+                                    double, double, int, int, std::complex<float>*);
+template void ImageShifterXY<double>(int, int, int, int, int, const std::complex<double>*, int, int, int, int,
+                                     double, double, double, int, int, std::complex<double>*);
+template void PureImageShifterXY<float>(int, int, int, int, int, const std::complex<float>*, int, int, double,
+                                        double, double, int, int, std::complex<float>*);
+template void PureImageShifterXY<double>(int, int, int, int, int, const std::complex<double>*, int, int, double,
+                                         double, double, int, int, std::complex<double>*);
+
 #define KIX_TRANSFORMS(T)                                                                                      \
     template image<std::complex<T>>& PureFFTAxes<T>(const image<std::complex<T>>&, T, image<std::complex<T>>&, \
                                                     unsigned, int);                                           \

@@ -66,6 +66,39 @@ image<CT>& ImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOr
 template <class CT>
 image<CT>& PureImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOrigD, double fShiftX,
                             double fShiftY, double fShiftZ, double fSign, image<CT>& dst);
+// The per-axis members: XY shifts x and y of every plane; X, Y, Z one axis.
+template <class CT>
+image<CT>& ImageShifterXY(const image<CT>& src, long nOrigW, long nOrigH, long nCX, long nCY, double fShiftX,
+                          double fShiftY, double fSign, image<CT>& dst);
+template <class CT>
+image<CT>& PureImageShifterXY(const image<CT>& src, long nOrigW, long nOrigH, double fShiftX, double fShiftY,
+                              double fSign, image<CT>& dst);
+template <class CT>
+image<CT>& ImageShifterX(const image<CT>& src, long nOrigW, long nCX, double fShiftX, double fSign, image<CT>& dst);
+template <class CT>
+image<CT>& ImageShifterY(const image<CT>& src, long nOrigH, long nCY, double fShiftY, double fSign, image<CT>& dst);
+template <class CT>
+image<CT>& ImageShifterZ(const image<CT>& src, long nOrigD, long nCZ, double fShiftZ, double fSign, image<CT>& dst);
+template <class CT>
+image<CT>& PureImageShifterX(const image<CT>& src, long nOrigW, double fShiftX, double fSign, image<CT>& dst);
+template <class CT>
+image<CT>& PureImageShifterY(const image<CT>& src, long nOrigH, double fShiftY, double fSign, image<CT>& dst);
+template <class CT>
+image<CT>& PureImageShifterZ(const image<CT>& src, long nOrigD, double fShiftZ, double fSign, image<CT>& dst);
+
+// Pointer forms for callers holding raw buffers (T = float or double): the
+// source's width, height, depth, row and plane strides (in pixels), the
+// periods (and centres), shifts and sign, the destination's strides.  Every
+// plane gets the same x-y ramp.  Always the general phase path.
+template <class T>
+void ImageShifterXY(int nx, int ny, int nz, int src_row, int src_plane, const std::complex<T>* src, int nOrigW,
+                    int nOrigH, int nCX, int nCY, double fShiftX, double fShiftY, double fSign, int dst_row,
+                    int dst_plane, std::complex<T>* dst);
+template <class T>
+void PureImageShifterXY(int nx, int ny, int nz, int src_row, int src_plane, const std::complex<T>* src,
+                        int nOrigW, int nOrigH, double fShiftX, double fShiftY, double fSign, int dst_row,
+                        int dst_plane, std::complex<T>* dst);
+
 // General form behind the ten members: axes[i].on selects the shifted axes.
 template <class CT>
 image<CT>& ShiftAxes(const image<CT>& src, const fft::ShiftAxis axes[3], double fSign, image<CT>& dst,

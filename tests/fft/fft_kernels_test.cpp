@@ -12,6 +12,7 @@
 
 #include "fft/kernels.hpp"
 #include "fft/plan_cache.hpp"
+#include "fft/transforms.hpp"
 
 namespace {
 
@@ -161,6 +162,29 @@ TYPED_TEST(FourierKernels, AlternationEqualsTheHalfPeriodRamp) {
     fft::alternate<T>(a.cview(), c.view(), flagged, T(3));
     for (std::size_t i = 0; i < b.store.size(); ++i)
         ASSERT_LE(std::abs(b.store[i] - c.store[i]), 16 * std::numeric_limits<T>::epsilon() * std::abs(c.store[i]));
+}
+
+TYPED_TEST(FourierKernels, PointerShifterRampsEveryPlaneAlike) {
+    using T = TypeParam;
+    std::mt19937 rng(9);
+    Img<C<T>> a(7, 6, 3, true), b(7, 6, 3, false), p(7, 6, 3, false);
+    fill<T>(a, rng);
+    kix::ImageShifterXY<T>(7, 6, 3, int(a.g.row_stride), int(a.g.plane_stride), a.store.data(), 7, 6, 3, 2, 0.4,
+                           -1.3, 1.0, int(b.g.row_stride), int(b.g.plane_stride), b.store.data());
+    kix::PureImageShifterXY<T>(7, 6, 3, int(a.g.row_stride), int(a.g.plane_stride), a.store.data(), 7, 6, 0.4,
+                               -1.3, -1.0, int(p.g.row_stride), int(p.g.plane_stride), p.store.data());
+    const long double pi = 3.141592653589793238462643383279502884L;
+    for (std::int64_t z = 0; z < 3; ++z)
+        for (std::int64_t y = 0; y < 6; ++y)
+            for (std::int64_t x = 0; x < 7; ++x) {
+                const C<long double> v(a.at(x, y, z));
+                const long double t = (x - 3) * 0.4L / 7 + (y - 2) * -1.3L / 6;
+                const C<long double> want = v * std::polar(1.0L, 2 * pi * t);
+                ASSERT_LE(std::abs(C<long double>(b.at(x, y, z)) - want), 32 * std::numeric_limits<T>::epsilon() * 4);
+                const long double fx = x < 4 ? x : x - 7, fy = y < 3 ? y : y - 6;  // signed frequencies
+                const C<long double> pwant = v * std::polar(1.0L, -2 * pi * (fx * 0.4L / 7 + fy * -1.3L / 6));
+                ASSERT_LE(std::abs(C<long double>(p.at(x, y, z)) - pwant), 32 * std::numeric_limits<T>::epsilon() * 4);
+            }
 }
 
 TEST(FourierLayouts, HalfPureToCentredInPlaceEqualsOutOfPlace) {
