@@ -279,7 +279,7 @@ def test_half_family_messages(host, rng):
                         host.new_image((6, 8), 2))[0] == "Invalid image size."
 
 
-@pytest.mark.parametrize("shape", [(8,), (6, 8), (7, 9), (5, 6)], ids=ids)
+@pytest.mark.parametrize("shape", [(8,), (6, 8), (7, 9), (5, 6), (4, 6, 5)], ids=ids)
 def test_half_fft_is_the_centred_spectrum_of_a_real_image(host, rng, shape):
     r = random_array(rng, shape, np.float64)
     h = host.call("KIXHalfFFT", host.image(r), 1.0, None)
