@@ -162,18 +162,21 @@ image<std::complex<T>>& RealFFT(const image<T>& src, T fScale, image<std::comple
     const Strided<std::complex<T>> d = dst.strided();
     fft::r2c<T>(in(src), d, fft::kXYZ, fScale);
     const std::int64_t W = d.g.nx, H = d.g.ny, D = d.g.nz, hw = W / 2 + 1;
-    // Conjugate the kept half in place, then fill x > W/2 from the mirror.
-    for (std::int64_t z = 0; z < D; ++z)
-        for (std::int64_t y = 0; y < H; ++y) {
-            std::complex<T>* r = d.row(y, z);
-            for (std::int64_t x = 0; x < hw; ++x) r[x] = std::conj(r[x]);
-        }
-    for (std::int64_t z = 0; z < D; ++z)
-        for (std::int64_t y = 0; y < H; ++y) {
-            std::complex<T>* r = d.row(y, z);
-            const std::complex<T>* m = d.row((H - y) % H, (D - z) % D);
-            for (std::int64_t x = hw; x < W; ++x) r[x] = std::conj(m[W - x]);
-        }
+    // Conjugate the kept half in place, then fill x > W/2 from the mirror
+    // (which reads only kept columns, so rows are independent).
+    const std::int64_t rows = H * D;
+#pragma omp parallel for schedule(static) if (rows * W >= (1 << 15))
+    for (std::int64_t r = 0; r < rows; ++r) {
+        std::complex<T>* row = d.row(r % H, r / H);
+        for (std::int64_t x = 0; x < hw; ++x) row[x] = std::conj(row[x]);
+    }
+#pragma omp parallel for schedule(static) if (rows * W >= (1 << 15))
+    for (std::int64_t r = 0; r < rows; ++r) {
+        const std::int64_t y = r % H, z = r / H;
+        std::complex<T>* row = d.row(y, z);
+        const std::complex<T>* m = d.row((H - y) % H, (D - z) % D);
+        for (std::int64_t x = hw; x < W; ++x) row[x] = std::conj(m[W - x]);
+    }
     return dst;
 }
 

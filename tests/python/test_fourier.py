@@ -486,7 +486,11 @@ def test_complex_plan_round_trip(host, rng, dtype, in_place):
     dst = src if in_place else host.image(np.zeros_like(a))
     token = host.call("KIXPreprocessFFTDLL", src, 1.0, 1.0 / a.size, dst)
     assert isinstance(token, str) and token == token.lower() and len(token) <= 8
-    int(token, 16)
+    # The plan lives below 2 GiB, so the 32-bit sign-extended reading names it.
+    assert 0 < int(token, 16) < 0x80000000
+    # An address inside the plan table that is not a plan's start names none.
+    assert script_error(host.call, "KIXProcessFFTDLL", src, format(int(token, 16) + 1, "x"), dst)[0] == \
+        "The transform plan does not exist or has been released."
     for _ in range(3):  # a plan is used many times
         host.call("KIXProcessFFTDLL", src, token, dst)
         close(dst.numpy(), np.fft.ifftn(a.astype(C128)) * a.size, dtype)
