@@ -300,13 +300,19 @@ def test_real_fft_pair(host, rng, dtype, shape):
     close(back.numpy(), r, dtype, np.abs(r).max())
 
 
-def test_real_ifft_of_a_packed_half_spectrum(host, rng):
+def test_packed_half_spectrum_marker(host, rng):
     r = random_array(rng, (6, 8), np.float32)
     g = host.call("KIXHalfPureFFT", host.image(r), 1.0, None)
     g.set_tag("Packed", 1)
     dst = host.new_image((6, 8), 2)
     host.call("KIXRealIFFT", g, 1.0 / r.size, dst)
     close(dst.numpy(), r, np.float32, np.abs(r).max())
+    # FullToHalfPure passes a packed source through; a false marker is no marker.
+    out = host.new_image((6, 5), 3)
+    host.call("KIXFullToHalfPure", g, out)
+    np.testing.assert_array_equal(out.numpy(), g.numpy())
+    g.set_tag("Packed", 0)
+    assert script_error(host.call, "KIXRealIFFT", g, 1.0, dst)[0] == "Invalid image size."
 
 
 # ----------------------------------------------------------------- layouts
