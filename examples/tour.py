@@ -98,19 +98,19 @@ def main():
     step("Its centred power spectrum (KIXFFT), and a sub-pixel shift found again")
     # FFT centres the zero frequency by sign alternation, which wants even sizes.
     even = pattern[: pattern.shape[0] // 2 * 2, : pattern.shape[1] // 2 * 2].astype(np.complex64)
-    spec = h.call("KIXFFT", h.image(even, name="pattern"), 1.0, None)
-    power = np.abs(spec.numpy()) ** 2
+    spectrum = h.call("KIXFFT", h.image(even, name="pattern"), 1.0, None)
+    power = np.abs(spectrum.numpy()) ** 2
     cy, cx = np.unravel_index(np.argmax(power), power.shape)
-    print(f"KIXFFT -> {spec.name!r}, zero frequency at ({cx}, {cy}) of {even.shape[1]} x {even.shape[0]},"
-          f" x scale {spec.calibrations[-1]['scale']:.4g} {spec.calibrations[-1]['units']}")
+    print(f"KIXFFT -> {spectrum.name!r}, zero frequency at ({cx}, {cy}) of {even.shape[1]} x {even.shape[0]},"
+          f" x scale {spectrum.calibrations[-1]['scale']:.4g} {spectrum.calibrations[-1]['units']}")
     # A real frame moved by (3.3, -1.7) pixels with the shifter on its centred
     # spectrum (exponent +: a move by s multiplies by exp(+2 pi i k s / N)).
     yy, xx = np.mgrid[0:256, 0:256]
     frame = sum(a * np.exp(-((xx - x0) ** 2 + (yy - y0) ** 2) / (2 * w ** 2))
                 for a, x0, y0, w in [(1.0, 100, 120, 6), (0.6, 150, 90, 9), (0.8, 130, 170, 4)])
     f_img = h.call("KIXFFT", h.image(frame.astype(np.complex128), name="frame"), 1.0, None)
-    moved_spec = h.call("KIXImageShifter", f_img, 256, 256, 1, 128, 128, 0, 3.3, -1.7, 0.0, 1.0, None)
-    moved = h.call("KIXIFFT", moved_spec, 1.0 / frame.size, None).numpy().real
+    moved_spectrum = h.call("KIXImageShifter", f_img, 256, 256, 1, 128, 128, 0, 3.3, -1.7, 0.0, 1.0, None)
+    moved = h.call("KIXIFFT", moved_spectrum, 1.0 / frame.size, None).numpy().real
     # Cross-correlation through the centred transforms; its peak is the shift.
     a = h.call("KIXFFT", h.image(frame.astype(np.complex128)), 1.0, None).numpy()
     b = h.call("KIXFFT", h.image(moved.astype(np.complex128)), 1.0, None).numpy()

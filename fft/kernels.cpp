@@ -14,9 +14,10 @@
 namespace kix::fft {
 namespace {
 
-// Loops over rows run in parallel above this many pixels; below it the
-// threads cost more than the work.
-constexpr std::int64_t kParallel = std::int64_t(1) << 15;
+// Loops over rows run in parallel above this many pixels (the transforms'
+// one-thread limit too): below it a pass takes about a millisecond, less
+// than waking a second thread costs on a machine whose cores are shared.
+constexpr std::int64_t kParallel = std::int64_t(1) << 18;
 
 // Scratch memory from FFTW's allocator (aligned as its SIMD codelets like).
 template <class V>
@@ -73,7 +74,7 @@ int halved_axis(unsigned axes) { return axes == kZ ? 2 : axes == kY ? 1 : 0; }
 template <class F>
 void for_rows(const Geometry& g, F&& f) {
     const std::int64_t rows = g.ny * g.nz;
-#pragma omp parallel for schedule(static) if (g.count() >= kParallel)
+#pragma omp parallel for schedule(static) if (g.count() > kParallel)
     for (std::int64_t r = 0; r < rows; ++r) f(r % g.ny, r / g.ny);
 }
 
@@ -266,7 +267,7 @@ double hermitian_deviation(const Strided<const C<T>>& src, int layout) {
     };
     double dev = 0, mag = 0;
     const std::int64_t rows = g.ny * g.nz;
-#pragma omp parallel for schedule(static) reduction(max : dev, mag) if (g.count() >= kParallel)
+#pragma omp parallel for schedule(static) reduction(max : dev, mag) if (g.count() > kParallel)
     for (std::int64_t r = 0; r < rows; ++r) {
         const std::int64_t y = r % g.ny, z = r / g.ny;
         const C<T>* a = src.row(y, z);

@@ -165,12 +165,12 @@ image<std::complex<T>>& RealFFT(const image<T>& src, T fScale, image<std::comple
     // Conjugate the kept half in place, then fill x > W/2 from the mirror
     // (which reads only kept columns, so rows are independent).
     const std::int64_t rows = H * D;
-#pragma omp parallel for schedule(static) if (rows * W >= (1 << 15))
+#pragma omp parallel for schedule(static) if (rows * W > (1 << 18))
     for (std::int64_t r = 0; r < rows; ++r) {
         std::complex<T>* row = d.row(r % H, r / H);
         for (std::int64_t x = 0; x < hw; ++x) row[x] = std::conj(row[x]);
     }
-#pragma omp parallel for schedule(static) if (rows * W >= (1 << 15))
+#pragma omp parallel for schedule(static) if (rows * W > (1 << 18))
     for (std::int64_t r = 0; r < rows; ++r) {
         const std::int64_t y = r % H, z = r / H;
         std::complex<T>* row = d.row(y, z);

@@ -125,13 +125,13 @@ def make_cases(ctx):
 
     # Sub-pixel shift of a real-space frame, end to end, and the shifter alone.
     frame = a64.copy()
-    fimg, spec, moved = h.image(frame), h.image(np.zeros_like(frame)), h.image(np.zeros_like(frame))
+    fimg, spectrum, moved = h.image(frame), h.image(np.zeros_like(frame)), h.image(np.zeros_like(frame))
     n = side * side
 
     def kix_shift():
-        h.call("KIXPureIFFT", fimg, 1.0, spec)  # exponent -: numpy's forward
-        h.call("KIXPureImageShifter", spec, side, side, 1, 3.3, -1.7, 0.0, -1.0, spec)
-        return h.call("KIXPureFFT", spec, 1.0 / n, moved)
+        h.call("KIXPureIFFT", fimg, 1.0, spectrum)  # exponent -: numpy's forward
+        h.call("KIXPureImageShifter", spectrum, side, side, 1, 3.3, -1.7, 0.0, -1.0, spectrum)
+        return h.call("KIXPureFFT", spectrum, 1.0 / n, moved)
 
     def scipy_shift():
         s = scipy.fft.fft2(frame, workers=w)
@@ -140,10 +140,10 @@ def make_cases(ctx):
 
     out.append(ctx.case(f"shift end to end complex64 {side}x{side}", kix=warm(kix_shift),
                         peers={"scipy.fft + fourier_shift": scipy_shift}, rtol=2e-3))
-    sspec = np.fft.fft2(frame).astype(np.complex64)
-    simg, sdst = h.image(sspec), h.image(np.zeros_like(sspec))
+    shifted_in = np.fft.fft2(frame).astype(np.complex64)
+    simg, sdst = h.image(shifted_in), h.image(np.zeros_like(shifted_in))
     out.append(ctx.case(f"PureImageShifter complex64 {side}x{side}",
                         kix=lambda: h.call("KIXPureImageShifter", simg, side, side, 1, 3.3, -1.7, 0.0, -1.0, sdst),
-                        peers={"fourier_shift": lambda: scipy.ndimage.fourier_shift(sspec, (-1.7, 3.3))},
+                        peers={"fourier_shift": lambda: scipy.ndimage.fourier_shift(shifted_in, (-1.7, 3.3))},
                         rtol=1e-4))
     return out

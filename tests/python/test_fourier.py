@@ -387,9 +387,9 @@ def test_layout_messages(host, rng):
 
 def test_is_hermitian(host, rng):
     r = random_array(rng, (6, 7), np.float64)
-    spec = np.fft.fftn(r)
-    assert host.call("KIXIsHermitian", host.image(spec)) < 1e-14
-    assert host.call("KIXIsHermitian", host.image(spec.astype(C64))) < 1e-6
+    spectrum = np.fft.fftn(r)
+    assert host.call("KIXIsHermitian", host.image(spectrum)) < 1e-14
+    assert host.call("KIXIsHermitian", host.image(spectrum.astype(C64))) < 1e-6
     assert host.call("KIXIsHermitian", host.image(np.zeros((4, 4), C64))) == 0
     noisy = cplx(rng, (6, 7), C128)
     dev = host.call("KIXIsHermitian", host.image(noisy))
@@ -403,30 +403,30 @@ def test_is_hermitian(host, rng):
 @pytest.mark.parametrize("shape", [(16,), (12, 10), (9, 11), (4, 6, 5)], ids=ids)
 @pytest.mark.parametrize("dtype", COMPLEX, ids=tname)
 def test_pure_shifter_against_scipy(host, rng, dtype, shape):
-    spec = np.fft.fftn(random_array(rng, shape, np.float64)).astype(dtype)
+    spectrum = np.fft.fftn(random_array(rng, shape, np.float64)).astype(dtype)
     shift = [0.3, -1.7, 2.45][:len(shape)]
-    want = scipy.ndimage.fourier_shift(spec.astype(C128), shift[::-1] if False else shift[::1])
+    want = scipy.ndimage.fourier_shift(spectrum.astype(C128), shift)
     sx, sy, sz = (list(reversed(shift)) + [0, 0])[:3]
     n = (list(reversed(shape)) + [1, 1])[:3]
-    got = host.call("KIXPureImageShifter", host.image(spec), n[0], n[1], n[2], sx, sy, sz, -1.0, None)
+    got = host.call("KIXPureImageShifter", host.image(spectrum), n[0], n[1], n[2], sx, sy, sz, -1.0, None)
     close(got.numpy(), want, dtype)
 
 
 def test_centred_shifter_and_axis_members(host, rng):
-    spec = np.fft.fftn(random_array(rng, (10, 12), np.float64))
-    want = np.fft.fftshift(scipy.ndimage.fourier_shift(spec, (0.7, -2.2)))
-    got = host.call("KIXImageShifter", host.image(np.fft.fftshift(spec)), 12, 10, 1, 6, 5, 0, -2.2, 0.7, 0.0, -1.0,
+    spectrum = np.fft.fftn(random_array(rng, (10, 12), np.float64))
+    want = np.fft.fftshift(scipy.ndimage.fourier_shift(spectrum, (0.7, -2.2)))
+    got = host.call("KIXImageShifter", host.image(np.fft.fftshift(spectrum)), 12, 10, 1, 6, 5, 0, -2.2, 0.7, 0.0, -1.0,
                     None)
     close(got.numpy(), want, np.float64)
-    xy = host.call("KIXImageShifterXY", host.image(np.fft.fftshift(spec)), 12, 10, 6, 5, -2.2, 0.7, -1.0, None)
+    xy = host.call("KIXImageShifterXY", host.image(np.fft.fftshift(spectrum)), 12, 10, 6, 5, -2.2, 0.7, -1.0, None)
     close(xy.numpy(), want, np.float64)
-    img = host.image(np.fft.fftshift(spec))
+    img = host.image(np.fft.fftshift(spectrum))
     host.call("KIXImageShifterX", img, 12, 6, -2.2, -1.0, img)
     host.call("KIXImageShifterY", img, 10, 5, 0.7, -1.0, img)  # in place, axis by axis
     close(img.numpy(), want, np.float64)
-    pxy = host.call("KIXPureImageShifterXY", host.image(spec), 12, 10, -2.2, 0.7, -1.0, None)
-    close(pxy.numpy(), scipy.ndimage.fourier_shift(spec, (0.7, -2.2)), np.float64)
-    p = host.image(spec)
+    pxy = host.call("KIXPureImageShifterXY", host.image(spectrum), 12, 10, -2.2, 0.7, -1.0, None)
+    close(pxy.numpy(), scipy.ndimage.fourier_shift(spectrum, (0.7, -2.2)), np.float64)
+    p = host.image(spectrum)
     host.call("KIXPureImageShifterX", p, 12, -2.2, -1.0, p)
     host.call("KIXPureImageShifterY", p, 10, 0.7, -1.0, p)
     close(p.numpy(), pxy.numpy(), np.float64)
@@ -439,14 +439,14 @@ def test_centred_shifter_and_axis_members(host, rng):
 
 
 def test_shifter_identities(host, rng):
-    spec = cplx(rng, (8, 9), C64)
-    same = host.call("KIXPureImageShifter", host.image(spec), 9, 8, 1, 0.0, 0.0, 0.0, -1.0, None)
-    np.testing.assert_array_equal(same.numpy(), spec)
+    spectrum = cplx(rng, (8, 9), C64)
+    same = host.call("KIXPureImageShifter", host.image(spectrum), 9, 8, 1, 0.0, 0.0, 0.0, -1.0, None)
+    np.testing.assert_array_equal(same.numpy(), spectrum)
     # A whole period (and many of them) is the identity up to rounding.
     for periods in (1, 1000):
-        whole = host.call("KIXImageShifter", host.image(spec), 9, 8, 1, 4, 4, 0, 9.0 * periods, 8.0 * periods, 0.0,
+        whole = host.call("KIXImageShifter", host.image(spectrum), 9, 8, 1, 4, 4, 0, 9.0 * periods, 8.0 * periods, 0.0,
                           1.0, None)
-        np.testing.assert_allclose(whole.numpy(), spec, atol=2e-6 * np.abs(spec).max())
+        np.testing.assert_allclose(whole.numpy(), spectrum, atol=2e-6 * np.abs(spectrum).max())
 
 
 def test_shifter_moves_a_real_space_frame(host):
@@ -456,9 +456,9 @@ def test_shifter_moves_a_real_space_frame(host):
     frame = np.exp(-((x - 15.2) ** 2 + (y - 16.7) ** 2) / 18.0)
 
     def moved(sx, sy):
-        spec = host.call("KIXPureIFFT", host.image(frame.astype(C128)), 1.0, None)  # exponent -, as numpy
-        host.call("KIXPureImageShifter", spec, 32, 32, 1, sx, sy, 0.0, -1.0, spec)
-        return host.call("KIXPureFFT", spec, 1.0 / 1024, None).numpy().real
+        spectrum = host.call("KIXPureIFFT", host.image(frame.astype(C128)), 1.0, None)  # exponent -, as numpy
+        host.call("KIXPureImageShifter", spectrum, 32, 32, 1, sx, sy, 0.0, -1.0, spectrum)
+        return host.call("KIXPureFFT", spectrum, 1.0 / 1024, None).numpy().real
 
     np.testing.assert_allclose(moved(3.0, -2.0), np.roll(frame, (-2, 3), (0, 1)), atol=1e-12)
     m = moved(3.3, -1.7)
