@@ -25,6 +25,8 @@ def test_tour_runs_and_agrees_with_numpy(tmp_path):
     assert "ScriptError('Data type should be Binary, Integer or Real.') from kix::vml::vml_expr1DM" in out
     tie = re.search(r"relative error of the recovered phase (\S+)", out)
     assert tie and float(tie.group(1)) < 0.01
-    for name in ("diffraction.png", "median_stack.png", "tie_phase.png"):
+    shift = re.search(r"recovered shift \((\S+), (\S+)\)", out)
+    assert shift and abs(float(shift.group(1)) - 3.3) < 0.15 and abs(float(shift.group(2)) + 1.7) < 0.15
+    for name in ("diffraction.png", "median_stack.png", "tie_phase.png", "power_spectrum.png"):
         with open(tmp_path / name, "rb") as f:
             assert f.read(8) == b"\x89PNG\r\n\x1a\n"

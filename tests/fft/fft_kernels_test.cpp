@@ -1,0 +1,236 @@
+// Fourier kernels against a naive DFT (long double), on padded (subarea)
+// layouts, per-axis batches and in place; the plan cache (one plan per
+// geometry, measured plans agreeing with estimated ones); the sign
+// alternation against the general phase ramp; the in-place layout rule.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <cstdlib>
+#include <random>
+#include <vector>
+
+#include "fft/kernels.hpp"
+#include "fft/plan_cache.hpp"
+#include "fft/transforms.hpp"
+
+namespace {
+
+using kix::Geometry;
+using kix::Strided;
+namespace fft = kix::fft;
+template <class T>
+using C = std::complex<T>;
+
+// nx x ny x nz pixels with padded rows and planes (a subarea's layout) when `padded`.
+template <class V>
+struct Img {
+    Geometry g;
+    std::vector<V> store;
+    Img(std::int64_t nx, std::int64_t ny, std::int64_t nz, bool padded) {
+        const std::int64_t rs = nx + (padded ? 3 : 0), ps = rs * ny + (padded ? 2 : 0);
+        g = {nx, ny, nz, rs, ps};
+        store.assign(static_cast<std::size_t>(ps * nz + 4), V(0));
+    }
+    V& at(std::int64_t x, std::int64_t y, std::int64_t z) { return store[x + y * g.row_stride + z * g.plane_stride]; }
+    Strided<V> view() { return {store.data(), g}; }
+    Strided<const V> cview() { return {store.data(), g}; }
+};
+
+template <class T>
+void fill(Img<C<T>>& a, std::mt19937& rng) {
+    std::normal_distribution<double> n;
+    for (std::int64_t z = 0; z < a.g.nz; ++z)
+        for (std::int64_t y = 0; y < a.g.ny; ++y)
+            for (std::int64_t x = 0; x < a.g.nx; ++x) a.at(x, y, z) = C<T>(T(n(rng)), T(n(rng)));
+}
+
+// Naive DFT over the axes in `axes` with exponent sign `sign`.
+template <class T>
+std::vector<C<long double>> naive(Img<C<T>>& a, unsigned axes, int sign) {
+    const std::int64_t n[3] = {a.g.nx, a.g.ny, a.g.nz};
+    std::vector<C<long double>> out(static_cast<std::size_t>(n[0] * n[1] * n[2]));
+    const long double pi = 3.141592653589793238462643383279502884L;
+    for (std::int64_t kz = 0; kz < n[2]; ++kz)
+        for (std::int64_t ky = 0; ky < n[1]; ++ky)
+            for (std::int64_t kx = 0; kx < n[0]; ++kx) {
+                C<long double> s = 0;
+                for (std::int64_t z = 0; z < n[2]; ++z)
+                    for (std::int64_t y = 0; y < n[1]; ++y)
+                        for (std::int64_t x = 0; x < n[0]; ++x) {
+                            // Axes not transformed keep their index.
+                            if (!(axes & fft::kX) && x != kx) continue;
+                            if (!(axes & fft::kY) && y != ky) continue;
+                            if (!(axes & fft::kZ) && z != kz) continue;
+                            long double ph = 0;
+                            if (axes & fft::kX) ph += (long double)(kx * x) / n[0];
+                            if (axes & fft::kY) ph += (long double)(ky * y) / n[1];
+                            if (axes & fft::kZ) ph += (long double)(kz * z) / n[2];
+                            const C<long double> e(std::cos(2 * pi * ph), sign * std::sin(2 * pi * ph));
+                            s += C<long double>(a.at(x, y, z)) * e;
+                        }
+                out[kx + n[0] * (ky + n[1] * kz)] = s;
+            }
+    return out;
+}
+
+template <class T>
+void expect_near(Img<C<T>>& got, const std::vector<C<long double>>& want, long double scale) {
+    long double mag = 0;
+    for (auto v : want) mag = std::max(mag, std::abs(v));
+    const long double tol = 64 * std::numeric_limits<T>::epsilon() * std::max<long double>(mag, 1) * std::abs(scale);
+    for (std::int64_t z = 0; z < got.g.nz; ++z)
+        for (std::int64_t y = 0; y < got.g.ny; ++y)
+            for (std::int64_t x = 0; x < got.g.nx; ++x) {
+                const C<long double> w = want[x + got.g.nx * (y + got.g.ny * z)] * scale;
+                ASSERT_LE(std::abs(C<long double>(got.at(x, y, z)) - w), tol) << x << "," << y << "," << z;
+            }
+}
+
+template <class T>
+class FourierKernels : public ::testing::Test {};
+using Precisions = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(FourierKernels, Precisions);
+
+struct Case {
+    std::int64_t nx, ny, nz;
+    unsigned axes;
+};
+const Case kCases[] = {{1, 1, 1, fft::kXYZ}, {2, 1, 1, fft::kXYZ}, {7, 1, 1, fft::kXYZ}, {31, 1, 1, fft::kXYZ},
+                       {1, 9, 1, fft::kXYZ}, {6, 5, 1, fft::kXYZ}, {3, 4, 5, fft::kXYZ}, {5, 4, 3, fft::kX},
+                       {5, 4, 3, fft::kY},   {5, 4, 3, fft::kZ},   {5, 4, 3, fft::kXY},  {8, 1, 3, fft::kZ}};
+
+TYPED_TEST(FourierKernels, DftMatchesNaiveOnPaddedLayoutsAndInPlace) {
+    using T = TypeParam;
+    std::mt19937 rng(7);
+    for (const Case& c : kCases)
+        for (int sign : {+1, -1})
+            for (bool padded : {false, true}) {
+                Img<C<T>> a(c.nx, c.ny, c.nz, padded), b(c.nx, c.ny, c.nz, !padded);
+                fill<T>(a, rng);
+                const auto want = naive<T>(a, c.axes, sign);
+                fft::dft<T>(a.cview(), b.view(), c.axes, sign, T(0.5));
+                expect_near<T>(b, want, 0.5L);
+                fft::dft<T>(a.cview(), a.view(), c.axes, sign, T(1));  // in place
+                expect_near<T>(a, want, 1.0L);
+            }
+}
+
+TYPED_TEST(FourierKernels, RealTransformsMatchNaiveHalf) {
+    using T = TypeParam;
+    std::mt19937 rng(11);
+    for (const Case& c : kCases) {
+        if (c.axes == fft::kY || c.axes == fft::kXY) continue;
+        Img<C<T>> cx(c.nx, c.ny, c.nz, false);
+        Img<T> r(c.nx, c.ny, c.nz, true);
+        std::normal_distribution<double> n;
+        for (std::int64_t z = 0; z < c.nz; ++z)
+            for (std::int64_t y = 0; y < c.ny; ++y)
+                for (std::int64_t x = 0; x < c.nx; ++x) cx.at(x, y, z) = r.at(x, y, z) = T(n(rng));
+        const auto want = naive<T>(cx, c.axes, -1);
+        const bool z = c.axes == fft::kZ;
+        Img<C<T>> h(z ? c.nx : c.nx / 2 + 1, c.ny, z ? c.nz / 2 + 1 : c.nz, true);
+        fft::r2c<T>(r.cview(), h.view(), c.axes, T(2));
+        for (std::int64_t k = 0; k < h.g.nz; ++k)
+            for (std::int64_t j = 0; j < h.g.ny; ++j)
+                for (std::int64_t i = 0; i < h.g.nx; ++i) {
+                    const auto w = want[i + c.nx * (j + c.ny * k)] * 2.0L;
+                    ASSERT_LE(std::abs(C<long double>(h.at(i, j, k)) - w), 1e3L * std::numeric_limits<T>::epsilon() *
+                                                                              std::max<long double>(1, std::abs(w)) * 8);
+                }
+        // Back to real with 1/N along the axes: the input again, the half left intact.
+        const std::vector<C<T>> kept = h.store;
+        Img<T> back(c.nx, c.ny, c.nz, false);
+        const long double len = c.axes == fft::kX ? c.nx : z ? c.nz : c.nx * c.ny * c.nz;
+        fft::c2r<T>(h.cview(), back.view(), c.axes, T(1 / (2 * len)));
+        EXPECT_EQ(h.store, kept);
+        for (std::int64_t k = 0; k < c.nz; ++k)
+            for (std::int64_t j = 0; j < c.ny; ++j)
+                for (std::int64_t i = 0; i < c.nx; ++i)
+                    ASSERT_NEAR(back.at(i, j, k), r.at(i, j, k), 64 * std::numeric_limits<T>::epsilon() * 4);
+    }
+}
+
+TYPED_TEST(FourierKernels, AlternationEqualsTheHalfPeriodRamp) {
+    using T = TypeParam;
+    std::mt19937 rng(3);
+    Img<C<T>> a(8, 6, 4, false), b(8, 6, 4, false), c(8, 6, 4, false);
+    fill<T>(a, rng);
+    const fft::ShiftAxis axes[3] = {{true, 8, 0, 4, false}, {true, 6, 0, 3, false}, {true, 4, 0, 2, false}};
+    const bool flagged[3] = {true, true, true};
+    fft::phase_ramp<T>(a.cview(), b.view(), axes, -1.0, 3.0);
+    fft::alternate<T>(a.cview(), c.view(), flagged, T(3));
+    for (std::size_t i = 0; i < b.store.size(); ++i)
+        ASSERT_LE(std::abs(b.store[i] - c.store[i]), 16 * std::numeric_limits<T>::epsilon() * std::abs(c.store[i]));
+}
+
+TYPED_TEST(FourierKernels, PointerShifterRampsEveryPlaneAlike) {
+    using T = TypeParam;
+    std::mt19937 rng(9);
+    Img<C<T>> a(7, 6, 3, true), b(7, 6, 3, false), p(7, 6, 3, false);
+    fill<T>(a, rng);
+    kix::ImageShifterXY<T>(7, 6, 3, int(a.g.row_stride), int(a.g.plane_stride), a.store.data(), 7, 6, 3, 2, 0.4,
+                           -1.3, 1.0, int(b.g.row_stride), int(b.g.plane_stride), b.store.data());
+    kix::PureImageShifterXY<T>(7, 6, 3, int(a.g.row_stride), int(a.g.plane_stride), a.store.data(), 7, 6, 0.4,
+                               -1.3, -1.0, int(p.g.row_stride), int(p.g.plane_stride), p.store.data());
+    const long double pi = 3.141592653589793238462643383279502884L;
+    for (std::int64_t z = 0; z < 3; ++z)
+        for (std::int64_t y = 0; y < 6; ++y)
+            for (std::int64_t x = 0; x < 7; ++x) {
+                const C<long double> v(a.at(x, y, z));
+                const long double t = (x - 3) * 0.4L / 7 + (y - 2) * -1.3L / 6;
+                const C<long double> want = v * std::polar(1.0L, 2 * pi * t);
+                ASSERT_LE(std::abs(C<long double>(b.at(x, y, z)) - want), 32 * std::numeric_limits<T>::epsilon() * 4);
+                const long double fx = x < 4 ? x : x - 7, fy = y < 3 ? y : y - 6;  // signed frequencies
+                const C<long double> pwant = v * std::polar(1.0L, -2 * pi * (fx * 0.4L / 7 + fy * -1.3L / 6));
+                ASSERT_LE(std::abs(C<long double>(p.at(x, y, z)) - pwant), 32 * std::numeric_limits<T>::epsilon() * 4);
+            }
+}
+
+TEST(FourierLayouts, HalfPureToCentredInPlaceEqualsOutOfPlace) {
+    for (std::int64_t n : {1, 2, 3, 8, 9}) {
+        Img<C<float>> src(n, 1, 1, false), dst(n, 1, 1, false);
+        std::mt19937 rng{std::uint32_t(n)};
+        fill<float>(src, rng);
+        Img<C<float>> inplace = src;
+        Img<C<float>> half(n / 2 + 1, 1, 1, false);
+        for (std::int64_t i = 0; i <= n / 2; ++i) half.at(i, 0, 0) = src.at(i, 0, 0);
+        fft::half_pure_to_centred<float>(half.cview(), dst.view(), false);
+        fft::half_pure_to_centred<float>(inplace.cview(), inplace.view(), false);
+        EXPECT_EQ(inplace.store, dst.store) << n;
+        // dst[h - k] = src[k] wins over the conjugated upper half.
+        for (std::int64_t k = 0; k <= n / 2; ++k) EXPECT_EQ(dst.at(n / 2 - k, 0, 0), src.at(k, 0, 0));
+    }
+    EXPECT_EQ(fft::pure_frequency(4, 8, 8), -4);  // Nyquist of a full axis counts negative
+    EXPECT_EQ(fft::pure_frequency(4, 8, 5), 4);   // ... of a half spectrum positive
+    EXPECT_EQ(fft::pure_frequency(4, 9, 9), 4);
+    EXPECT_EQ(fft::pure_frequency(5, 9, 9), -4);
+}
+
+TEST(FourierPlanCache, OnePlanPerGeometryAndMeasuredPlansAgree) {
+    std::mt19937 rng(5);
+    Img<C<double>> a(48, 40, 1, false), b(48, 40, 1, false), c(48, 40, 1, false);
+    fill<double>(a, rng);
+    const int before = fft::cached_plans();
+    fft::dft<double>(a.cview(), b.view(), fft::kXYZ, +1, 1.0);
+    EXPECT_EQ(fft::cached_plans(), before + 1);
+    fft::dft<double>(a.cview(), c.view(), fft::kXYZ, +1, 1.0);  // repeats: queued for measuring
+    EXPECT_EQ(fft::cached_plans(), before + 1);
+    fft::wait_for_upgrades();
+    fft::dft<double>(a.cview(), c.view(), fft::kXYZ, +1, 1.0);
+    EXPECT_EQ(fft::cached_plans(), before + 1);
+    for (std::size_t i = 0; i < b.store.size(); ++i) ASSERT_NEAR(std::abs(b.store[i] - c.store[i]), 0.0, 1e-10);
+    // Another direction or placement is another plan.
+    fft::dft<double>(a.cview(), b.view(), fft::kXYZ, -1, 1.0);
+    fft::dft<double>(a.cview(), a.view(), fft::kXYZ, +1, 1.0);
+    EXPECT_EQ(fft::cached_plans(), before + 3);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Wisdom goes to a scratch folder, not the user's cache.
+    ::setenv("XDG_CACHE_HOME", ::testing::TempDir().c_str(), 1);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
