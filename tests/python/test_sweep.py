@@ -19,6 +19,7 @@ import re
 import select
 import subprocess
 import sys
+import tempfile
 import time
 
 import numpy as np
@@ -124,9 +125,12 @@ def make_image(h, spec, first, parent):
     return h.image(a)
 
 
-def worker():
+def worker(listing):
     h = kix.Host()
-    for line in sys.stdin:
+    with open(listing) as f:
+        lines = f.readlines()
+    os.unlink(listing)
+    for line in lines:
         index, name, library, args = json.loads(line)
         overlap = any(isinstance(a, dict) and a.get("image", {}).get("overlap") for a in args)
         parent = h.image(np.zeros([8, 8], np.float32)) if overlap else None
@@ -172,10 +176,13 @@ def run_all(cases):
     procs = []
 
     def spawn(todo):
-        p = subprocess.Popen([sys.executable, __file__, "--worker"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                             stderr=subprocess.DEVNULL, bufsize=0)
-        p.stdin.write("".join(json.dumps([i, *cases[i]]) + "\n" for i in todo).encode())
-        p.stdin.close()
+        # The cases go through a file: written to a pipe, they could fill it
+        # while the worker's answers fill the other one.
+        listing = tempfile.NamedTemporaryFile("w", suffix=".jsonl", delete=False)
+        with listing:
+            listing.write("".join(json.dumps([i, *cases[i]]) + "\n" for i in todo))
+        p = subprocess.Popen([sys.executable, __file__, "--worker", listing.name], stdin=subprocess.DEVNULL,
+                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, bufsize=0)
         return {"proc": p, "todo": list(todo), "current": None, "since": time.monotonic(), "buffer": b""}
 
     procs = [spawn(c) for c in chunks if c]
@@ -228,4 +235,4 @@ def test_every_function_survives_bad_input():
 
 
 if __name__ == "__main__" and "--worker" in sys.argv:
-    worker()
+    worker(sys.argv[sys.argv.index("--worker") + 1])
