@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "geometry/kernels.hpp"
+#include "geometry/simd.hpp"
 
 namespace kix::geometry {
 
@@ -13,6 +14,8 @@ void affine_warp(Strided<const T> src, const double* c, T fill, Strided<T> dst) 
     const std::int64_t nx = dst.g.nx, ny = dst.g.ny;
     const std::int64_t row = src.g.row_stride;
     const T* s = src.data;
+    // The vector rows index in 32 bits (the last index read is H * row + W).
+    const bool vector = use_vector_rows() && (H + 1) * row + W < (std::int64_t(1) << 31);
     // The source behaves as if it had one more column and row of zeros: a
     // sample at x0 = W - 1 or y0 = H - 1 blends the edge with zero.
 #pragma omp parallel for schedule(static) if (nx * ny >= (std::int64_t(1) << 14))
@@ -20,6 +23,10 @@ void affine_warp(Strided<const T> src, const double* c, T fill, Strided<T> dst) 
         const double yd = double(y);
         const double cxy = c[1] * yd, cyy = c[4] * yd;
         T* d = dst.row(y);
+        if (vector) {
+            avx512::affine_row(s, W, H, row, c, cxy, cyy, fill, d, nx);
+            continue;
+        }
         for (std::int64_t x = 0; x < nx; ++x) {
             const double xd = double(x);
             const float sx = static_cast<float>(c[0] * xd + cxy + c[2]);

@@ -4,8 +4,11 @@
 #include <cmath>
 #include <complex>
 #include <cstdint>
+#include <type_traits>
+#include <vector>
 
 #include "geometry/kernels.hpp"
+#include "geometry/simd.hpp"
 
 namespace kix::geometry {
 namespace {
@@ -122,6 +125,18 @@ void warp_xy(Strided<const T> src, double cx, double cy, float offset, Strided<T
     const AxisMap mx = axis_map(dst.g.nx, src.g.nx, cx, offset);
     const AxisMap my = axis_map(dst.g.ny, src.g.ny, cy, offset);
     const std::int64_t nx = dst.g.nx, ny = dst.g.ny, nz = std::min(src.g.nz, dst.g.nz);
+    if constexpr (std::is_same_v<T, float>) {
+        if (use_vector_rows() && src.g.nx < (std::int64_t(1) << 31)) {
+            // Column indices in 32 bits for the gathers.
+            const std::vector<std::int32_t> x0(mx.i0.begin(), mx.i0.end()), x1(mx.i1.begin(), mx.i1.end());
+#pragma omp parallel for collapse(2) schedule(static) if (parallel(dst.g))
+            for (std::int64_t z = 0; z < nz; ++z)
+                for (std::int64_t y = 0; y < ny; ++y)
+                    avx512::crossed_row(src.row(my.i0[y], z), src.row(my.i1[y], z), x0.data(), x1.data(),
+                                        mx.f.data(), my.f[y], dst.row(y, z), nx);
+            return;
+        }
+    }
     const std::int64_t* x0 = mx.i0.data();
     const std::int64_t* x1 = mx.i1.data();
     const float* fx = mx.f.data();

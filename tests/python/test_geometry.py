@@ -111,6 +111,14 @@ def affine_ref(src, c, fill):
     return out
 
 
+@pytest.fixture(params=[True, False], ids=["simd", "generic"])
+def simd(request, host):
+    """The vectorised and the generic rows: both must give the formula exactly."""
+    host.call("KIXSetUseSIMD", int(request.param))
+    yield request.param
+    host.call("KIXSetUseSIMD", 1)
+
+
 def coefs(h, values):
     return h.image(np.array(values, dtype=np.float64).reshape(1, -1))
 
@@ -137,7 +145,7 @@ def test_single_axis_warps_match_their_formula(host, rng, dtype, name, ref, c, o
 
 @pytest.mark.parametrize("dtype", WARP_TYPES, ids=lambda t: np.dtype(t).name)
 @pytest.mark.parametrize("c,off", [((2.0, 1.0), 0.0), ((1.5, 0.6), 0.25), ((0.9, 2.5), -0.75)])
-def test_xy_warp_crossed_weights(host, rng, dtype, c, off):
+def test_xy_warp_crossed_weights(host, rng, simd, dtype, c, off):
     a = random_array(rng, (3, 11, 13), dtype)
     args = (coefs(host, c), None) if off == 0 else (coefs(host, c), off, None)
     out = host.call("KIXLinearWarpXY", host.image(a, name="frame"), *args)
@@ -268,10 +276,10 @@ def test_linear_warp_messages_in_order(host):
 
 # ------------------------------------------------------------- affine warp
 @pytest.mark.parametrize("dtype", [np.float32, np.float64])
-def test_affine_warp_matches_the_naive_loop(host, rng, dtype):
-    src = random_array(rng, (23, 31), dtype)
+def test_affine_warp_matches_the_naive_loop(host, rng, simd, dtype):
+    src = random_array(rng, (23, 37), dtype)
     for _ in range(4):
-        angle = rng.uniform(-0.6, 0.6)
+        angle = rng.uniform(-3.2, 3.2)
         scale = rng.uniform(0.7, 1.4)
         c = [[scale * math.cos(angle), -scale * math.sin(angle), rng.uniform(-4, 4)],
              [scale * math.sin(angle), scale * math.cos(angle), rng.uniform(-4, 4)]]
@@ -306,6 +314,10 @@ def test_affine_warp_in_place_threads_and_large_coefficients(host, rng):
         host.call("KIXSetNumThreads", n)
         outs.append(host.call("KIXAffineWarp", host.image(src), k, None, 0).numpy())
     np.testing.assert_array_equal(outs[0], outs[1])
+    host.call("KIXSetUseSIMD", 0)
+    generic = host.call("KIXAffineWarp", host.image(src), k, None, 0).numpy()
+    host.call("KIXSetUseSIMD", 1)
+    np.testing.assert_array_equal(generic, outs[0])
     img = host.image(src.copy())
     host.call("KIXAffineWarp", img, k, img, 0)  # the destination is the source: read from a copy
     np.testing.assert_array_equal(img.numpy(), outs[0])

@@ -1,0 +1,35 @@
+// The vectorised rows of the warps, compiled for AVX-512 (x86-64-v4) in
+// simd_avx512.cpp.  Each computes exactly the scalar formula of its kernel,
+// sixteen (eight for double) pixels at a time: the same operations in the same
+// order, no fused multiply-add, gathers where the scalar code indexes.
+//
+// The kernels take them when the processor-feature record allows SIMD
+// (kix::HasSSE2(), cleared by KIXSetUseSIMD(0)) and the processor runs
+// AVX-512 (kix::isa_level()); the result is the same either way.
+#pragma once
+
+#include <cstdint>
+
+namespace kix::geometry {
+
+// True when the vectorised rows run for this call.
+bool use_vector_rows() noexcept;
+
+namespace avx512 {
+
+// One destination row of the affine warp (see affine_warp): pixels x in
+// [0, nx) of row y, whose y terms c[1]*y and c[4]*y are cxy and cyy.  The
+// source is W x H with `row` elements per row; every index y0*row + x0 + row + 1
+// must fit in 32 bits.
+void affine_row(const float* src, std::int64_t W, std::int64_t H, std::int64_t row, const double* c, double cxy,
+                double cyy, float fill, float* dst, std::int64_t nx);
+void affine_row(const double* src, std::int64_t W, std::int64_t H, std::int64_t row, const double* c, double cxy,
+                double cyy, double fill, double* dst, std::int64_t nx);
+
+// One destination row of the crossed two-axis warp from source rows r0 (y0)
+// and r1 (y1): dst[x] = crossed(r0[x0[x]], r0[x1[x]], r1[x0[x]], r1[x1[x]], fx[x], fy).
+void crossed_row(const float* r0, const float* r1, const std::int32_t* x0, const std::int32_t* x1,
+                 const float* fx, float fy, float* dst, std::int64_t nx);
+
+}  // namespace avx512
+}  // namespace kix::geometry
