@@ -1,4 +1,4 @@
-// The vectorised rows of the warps, compiled for AVX-512 (x86-64-v4) in
+// The vectorised rows of the warps and the transposes' square blocks, compiled for AVX-512 (x86-64-v4) in
 // simd_avx512.cpp.  Each computes exactly the scalar formula of its kernel,
 // sixteen (eight for double) pixels at a time: the same operations in the same
 // order, no fused multiply-add, gathers where the scalar code indexes.
@@ -30,6 +30,11 @@ void affine_row(const double* src, std::int64_t W, std::int64_t H, std::int64_t 
 // and r1 (y1): dst[x] = crossed(r0[x0[x]], r0[x1[x]], r1[x0[x]], r1[x1[x]], fx[x], fy).
 void crossed_row(const float* r0, const float* r1, const std::int32_t* x0, const std::int32_t* x1,
                  const float* fx, float fy, float* dst, std::int64_t nx);
+
+// Square blocks of whole elements: out[x * out_stride + z] = in[z * in_stride + x]
+// for x, z below 16 (4-byte elements) or 8 (8-byte elements).
+void transpose_block(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out, std::int64_t out_stride);
+void transpose_block(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out, std::int64_t out_stride);
 
 }  // namespace avx512
 }  // namespace kix::geometry

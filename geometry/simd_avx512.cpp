@@ -4,6 +4,7 @@
 #pragma GCC target("arch=x86-64-v4")
 // GCC 12 flags the intrinsics' own undefined pass-through operands.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
 #include <immintrin.h>
 
 #include "geometry/simd.hpp"
@@ -127,6 +128,54 @@ void crossed_row(const float* r0, const float* r1, const std::int32_t* x0, const
         r = _mm512_add_ps(r, _mm512_mul_ps(_mm512_mul_ps(c, wx), wy));
         _mm512_mask_storeu_ps(dst + x, live, r);
     }
+}
+
+// Three stages of interleaving (32-bit, 64-bit, then 128-bit lanes twice)
+// turn sixteen rows into sixteen columns.
+void transpose_block(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out, std::int64_t out_stride) {
+    __m512i r[16], t[16];
+    for (int i = 0; i < 16; ++i) r[i] = _mm512_loadu_si512(in + i * in_stride);
+    for (int i = 0; i < 16; i += 2) {
+        t[i] = _mm512_unpacklo_epi32(r[i], r[i + 1]);
+        t[i + 1] = _mm512_unpackhi_epi32(r[i], r[i + 1]);
+    }
+    for (int i = 0; i < 16; i += 4) {
+        r[i] = _mm512_unpacklo_epi64(t[i], t[i + 2]);
+        r[i + 1] = _mm512_unpackhi_epi64(t[i], t[i + 2]);
+        r[i + 2] = _mm512_unpacklo_epi64(t[i + 1], t[i + 3]);
+        r[i + 3] = _mm512_unpackhi_epi64(t[i + 1], t[i + 3]);
+    }
+    for (int i = 0; i < 4; ++i) {
+        t[i] = _mm512_shuffle_i32x4(r[i], r[i + 4], 0x88);
+        t[i + 4] = _mm512_shuffle_i32x4(r[i], r[i + 4], 0xdd);
+        t[i + 8] = _mm512_shuffle_i32x4(r[i + 8], r[i + 12], 0x88);
+        t[i + 12] = _mm512_shuffle_i32x4(r[i + 8], r[i + 12], 0xdd);
+    }
+    for (int i = 0; i < 8; ++i) {
+        r[i] = _mm512_shuffle_i32x4(t[i], t[i + 8], 0x88);
+        r[i + 8] = _mm512_shuffle_i32x4(t[i], t[i + 8], 0xdd);
+    }
+    for (int i = 0; i < 16; ++i) _mm512_storeu_si512(out + i * out_stride, r[i]);
+}
+
+void transpose_block(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out, std::int64_t out_stride) {
+    __m512i r[8], t[8];
+    for (int i = 0; i < 8; ++i) r[i] = _mm512_loadu_si512(in + i * in_stride);
+    for (int i = 0; i < 8; i += 2) {
+        t[i] = _mm512_unpacklo_epi64(r[i], r[i + 1]);
+        t[i + 1] = _mm512_unpackhi_epi64(r[i], r[i + 1]);
+    }
+    for (int i = 0; i < 2; ++i) {
+        r[i] = _mm512_shuffle_i64x2(t[i], t[i + 2], 0x88);
+        r[i + 2] = _mm512_shuffle_i64x2(t[i], t[i + 2], 0xdd);
+        r[i + 4] = _mm512_shuffle_i64x2(t[i + 4], t[i + 6], 0x88);
+        r[i + 6] = _mm512_shuffle_i64x2(t[i + 4], t[i + 6], 0xdd);
+    }
+    for (int i = 0; i < 4; ++i) {
+        t[i] = _mm512_shuffle_i64x2(r[i], r[i + 4], 0x88);
+        t[i + 4] = _mm512_shuffle_i64x2(r[i], r[i + 4], 0xdd);
+    }
+    for (int i = 0; i < 8; ++i) _mm512_storeu_si512(out + i * out_stride, t[i]);
 }
 
 }  // namespace avx512

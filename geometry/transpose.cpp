@@ -7,9 +7,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "geometry/kernels.hpp"
+#include "geometry/simd.hpp"
 
 namespace kix::geometry {
 namespace {
@@ -19,6 +22,22 @@ template <class E>
 constexpr std::int64_t kTile = sizeof(E) <= 4 ? 64 : 32;
 
 constexpr std::int64_t kParallelElements = std::int64_t(1) << 14;
+
+// out[x * os + z] = in[z * is + x] for x < bx, z < bz: a block of at most one
+// cache line of elements each way, in registers when it is a whole one.
+template <class E>
+inline void block(const E* in, std::int64_t is, E* out, std::int64_t os, std::int64_t bx, std::int64_t bz,
+                  std::int64_t full, bool vector) {
+    if constexpr (sizeof(E) == 4 || sizeof(E) == 8) {
+        if (vector && bx == full && bz == full) {
+            using U = std::conditional_t<sizeof(E) == 4, std::uint32_t, std::uint64_t>;
+            avx512::transpose_block(reinterpret_cast<const U*>(in), is, reinterpret_cast<U*>(out), os);
+            return;
+        }
+    }
+    for (std::int64_t x = 0; x < bx; ++x)
+        for (std::int64_t z = 0; z < bz; ++z) out[x * os + z] = in[z * is + x];
+}
 
 }  // namespace
 
@@ -47,23 +66,34 @@ void transpose_xz(Strided<const E> src, Strided<E> dst) {
         return;
     }
 
+    // One source row y of every plane is one slice: D runs along x in, W runs
+    // along z out.  A slice (or a strip of Cx columns of it, so that the strip
+    // stays in the second-level cache) is read as D long runs into a buffer,
+    // then written as Cx long runs, block by block so that the buffer reads
+    // stay within a few cache lines.  Both sides of memory see long runs.
+    constexpr std::int64_t Bk = std::max<std::int64_t>(64 / sizeof(E), 4);  // one cache line of elements
+    const std::int64_t fit = (std::int64_t(256) << 10) / (std::int64_t(sizeof(E)) * std::max<std::int64_t>(D, 1));
+    const std::int64_t Cx = std::min(W, std::max(Bk, fit / Bk * Bk));
+    const std::int64_t nstrips = (W + Cx - 1) / Cx;
+    const bool vector = use_vector_rows();
 #pragma omp parallel if (threads)
     {
-        E buf[B * B];  // buf[z * B + x] of the current tile
-#pragma omp for collapse(3) schedule(static)
+        std::vector<E> keep(static_cast<std::size_t>(Cx * D));
+        E* buf = keep.data();  // buf[z * Cx + x] of the current strip
+#pragma omp for collapse(2) schedule(static)
         for (std::int64_t y = 0; y < H; ++y)
-            for (std::int64_t zb = 0; zb < nzb; ++zb)
-                for (std::int64_t xb = 0; xb < nxb; ++xb) {
-                    const std::int64_t z0 = zb * B, x0 = xb * B;
-                    const std::int64_t nz = std::min(B, D - z0), nx = std::min(B, W - x0);
-                    for (std::int64_t z = 0; z < nz; ++z)
-                        std::memcpy(buf + z * B, src.data + x0 + y * sr + (z0 + z) * sp, std::size_t(nx) * sizeof(E));
-                    // dst(z, y, x): z runs along the destination's rows, x over its planes.
-                    for (std::int64_t x = 0; x < nx; ++x) {
-                        E* out = dst.data + z0 + y * dr + (x0 + x) * dp;
-                        for (std::int64_t z = 0; z < nz; ++z) out[z] = buf[z * B + x];
+            for (std::int64_t xs = 0; xs < nstrips; ++xs) {
+                const std::int64_t x0 = xs * Cx, nx = std::min(Cx, W - x0);
+                for (std::int64_t z = 0; z < D; ++z)
+                    std::memcpy(buf + z * Cx, src.data + x0 + y * sr + z * sp, std::size_t(nx) * sizeof(E));
+                for (std::int64_t xb = 0; xb < nx; xb += Bk) {
+                    const std::int64_t bx = std::min(Bk, nx - xb);
+                    for (std::int64_t zb = 0; zb < D; zb += Bk) {
+                        block(buf + zb * Cx + xb, Cx, dst.data + zb + y * dr + (x0 + xb) * dp, dp, bx,
+                              std::min(Bk, D - zb), Bk, vector);
                     }
                 }
+            }
     }
 }
 
@@ -82,10 +112,12 @@ void transpose_yz(Strided<const E> src, Strided<E> dst) {
             for (std::int64_t z = y + 1; z < D; ++z) std::swap_ranges(p + y * sr + z * sp, p + y * sr + z * sp + W, p + z * sr + y * sp);
         return;
     }
-    // dst(x, z, y) = src(x, y, z): source row y of plane z is destination row z of plane y.
+    // dst(x, z, y) = src(x, y, z): source row y of plane z is destination row
+    // z of plane y.  The destination is written in order (scattered reads cost
+    // less than scattered writes, which would first read every line they fill).
 #pragma omp parallel for collapse(2) schedule(static) if (threads)
-    for (std::int64_t z = 0; z < D; ++z)
-        for (std::int64_t y = 0; y < H; ++y)
+    for (std::int64_t y = 0; y < H; ++y)
+        for (std::int64_t z = 0; z < D; ++z)
             std::memcpy(dst.data + z * dr + y * dp, src.data + y * sr + z * sp, std::size_t(W) * sizeof(E));
 }
 

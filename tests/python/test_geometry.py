@@ -372,12 +372,20 @@ def test_transpose_yz_in_place(host, rng, shape):
     np.testing.assert_array_equal(img.numpy(), a.transpose(1, 0, 2))
 
 
-def test_transposes_large_tiles_and_two_dimensional_sources(host, rng):
-    a = random_array(rng, (67, 45, 131), np.float32)  # not multiples of the tile
+@pytest.mark.parametrize("dtype", [np.uint8, np.int16, np.float32, np.complex64, np.complex128],
+                         ids=lambda t: np.dtype(t).name)
+def test_transposes_in_blocks(host, rng, simd, dtype):
+    a = random_array(rng, (67, 9, 131), dtype)  # whole blocks and ragged edges on both axes
     np.testing.assert_array_equal(host.library_call("KIXTransposeXZ", host.image(a), None).numpy(),
                                   a.transpose(2, 1, 0))
     np.testing.assert_array_equal(host.library_call("KIXTransposeYZ", host.image(a), None).numpy(),
                                   a.transpose(1, 0, 2))
+
+
+def test_transposes_large_and_two_dimensional_sources(host, rng):
+    a = random_array(rng, (300, 2, 300), np.float32)  # strips of 208 columns: narrower than a slice
+    np.testing.assert_array_equal(host.library_call("KIXTransposeXZ", host.image(a), None).numpy(),
+                                  a.transpose(2, 1, 0))
     b = random_array(rng, (3, 4), np.int32)  # H x W, D = 1: rows become planes
     yz = host.library_call("KIXTransposeYZ", host.image(b), None)
     assert yz.shape == (3, 1, 4)
