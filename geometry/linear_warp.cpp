@@ -133,7 +133,7 @@ void warp_xy(Strided<const T> src, double cx, double cy, float offset, Strided<T
             for (std::int64_t z = 0; z < nz; ++z)
                 for (std::int64_t y = 0; y < ny; ++y)
                     avx512::crossed_row(src.row(my.i0[y], z), src.row(my.i1[y], z), x0.data(), x1.data(),
-                                        mx.f.data(), my.f[y], dst.row(y, z), nx);
+                                        mx.f.data(), my.f[y], dst.row(y, z), nx, src.g.nx);
             return;
         }
     }

@@ -27,9 +27,10 @@ void affine_row(const double* src, std::int64_t W, std::int64_t H, std::int64_t 
                 double cyy, double fill, double* dst, std::int64_t nx);
 
 // One destination row of the crossed two-axis warp from source rows r0 (y0)
-// and r1 (y1): dst[x] = crossed(r0[x0[x]], r0[x1[x]], r1[x0[x]], r1[x1[x]], fx[x], fy).
+// and r1 (y1), each n_src long: dst[x] = crossed(r0[x0[x]], r0[x1[x]], r1[x0[x]],
+// r1[x1[x]], fx[x], fy).
 void crossed_row(const float* r0, const float* r1, const std::int32_t* x0, const std::int32_t* x1,
-                 const float* fx, float fy, float* dst, std::int64_t nx);
+                 const float* fx, float fy, float* dst, std::int64_t nx, std::int64_t n_src);
 
 // Square blocks of whole elements: out[x * out_stride + z] = in[z * in_stride + x]
 // for x, z below 16 (4-byte elements) or 8 (8-byte elements).

@@ -110,16 +110,35 @@ void affine_row(const double* src, std::int64_t W, std::int64_t H, std::int64_t 
 }
 
 void crossed_row(const float* r0, const float* r1, const std::int32_t* x0, const std::int32_t* x1,
-                 const float* fx, float fy, float* dst, std::int64_t nx) {
+                 const float* fx, float fy, float* dst, std::int64_t nx, std::int64_t n_src) {
     const __m512 wy = _mm512_set1_ps(fy), zero = _mm512_setzero_ps();
+    const __m512i sixteen = _mm512_set1_epi32(16), zero_i = _mm512_setzero_si512();
     for (std::int64_t x = 0; x < nx; x += 16) {
         const __mmask16 live = tail16(nx - x);
         const __m512i i0 = _mm512_maskz_loadu_epi32(live, x0 + x), i1 = _mm512_maskz_loadu_epi32(live, x1 + x);
         const __m512 wx = _mm512_maskz_loadu_ps(live, fx + x);
-        const __m512 p00 = _mm512_mask_i32gather_ps(zero, live, i0, r0, 4);
-        const __m512 p10 = _mm512_mask_i32gather_ps(zero, live, i1, r0, 4);
-        const __m512 p01 = _mm512_mask_i32gather_ps(zero, live, i0, r1, 4);
-        const __m512 p11 = _mm512_mask_i32gather_ps(zero, live, i1, r1, 4);
+        __m512 p00, p10, p01, p11;
+        // When the sixteen samples lie within sixteen source columns from the
+        // first one (any enlargement, mild reductions), one load and a
+        // permutation replace each gather.
+        const std::int32_t base = x0[x];
+        const __m512i vb = _mm512_set1_epi32(base);
+        const __m512i j0 = _mm512_sub_epi32(i0, vb), j1 = _mm512_sub_epi32(i1, vb);
+        const __mmask16 near = _mm512_cmpge_epi32_mask(j0, zero_i) & _mm512_cmplt_epi32_mask(j0, sixteen) &
+                               _mm512_cmpge_epi32_mask(j1, zero_i) & _mm512_cmplt_epi32_mask(j1, sixteen);
+        if ((near & live) == live) {
+            const __mmask16 in_row = tail16(n_src - base);
+            const __m512 a = _mm512_maskz_loadu_ps(in_row, r0 + base), b = _mm512_maskz_loadu_ps(in_row, r1 + base);
+            p00 = _mm512_permutexvar_ps(j0, a);
+            p10 = _mm512_permutexvar_ps(j1, a);
+            p01 = _mm512_permutexvar_ps(j0, b);
+            p11 = _mm512_permutexvar_ps(j1, b);
+        } else {
+            p00 = _mm512_mask_i32gather_ps(zero, live, i0, r0, 4);
+            p10 = _mm512_mask_i32gather_ps(zero, live, i1, r0, 4);
+            p01 = _mm512_mask_i32gather_ps(zero, live, i0, r1, 4);
+            p11 = _mm512_mask_i32gather_ps(zero, live, i1, r1, 4);
+        }
         const __m512 dX = _mm512_sub_ps(p10, p00);
         const __m512 dY = _mm512_sub_ps(p01, p00);
         const __m512 c = _mm512_sub_ps(_mm512_sub_ps(_mm512_sub_ps(p11, p00), dX), dY);
