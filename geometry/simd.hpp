@@ -36,6 +36,17 @@ void crossed_row(const float* r0, const float* r1, const std::int32_t* x0, const
 // for x, z below 16 (4-byte elements) or 8 (8-byte elements).
 void transpose_block(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out, std::int64_t out_stride);
 void transpose_block(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out, std::int64_t out_stride);
+// The same with streaming stores, for destinations far larger than the caches:
+// each output row of the block must be one whole, 64-byte aligned cache line.
+void transpose_block_stream(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out,
+                            std::int64_t out_stride);
+void transpose_block_stream(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out,
+                            std::int64_t out_stride);
+// Copies `bytes` with streaming stores from the first 64-byte boundary of dst
+// on (plain stores before it and for the tail).
+void copy_stream(const void* src, void* dst, std::int64_t bytes);
+// Orders this thread's streaming stores before what follows.
+void stream_fence();
 
 }  // namespace avx512
 }  // namespace kix::geometry

@@ -7,6 +7,9 @@
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #include <immintrin.h>
 
+#include <algorithm>
+#include <cstdint>
+
 #include "geometry/simd.hpp"
 #include "runtime/runtime.hpp"
 
@@ -151,7 +154,18 @@ void crossed_row(const float* r0, const float* r1, const std::int32_t* x0, const
 
 // Three stages of interleaving (32-bit, 64-bit, then 128-bit lanes twice)
 // turn sixteen rows into sixteen columns.
-void transpose_block(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out, std::int64_t out_stride) {
+namespace {
+
+template <bool Stream>
+void put(void* p, __m512i v) {
+    if constexpr (Stream)
+        _mm512_stream_si512(static_cast<__m512i*>(p), v);
+    else
+        _mm512_storeu_si512(p, v);
+}
+
+template <bool Stream>
+void block32(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out, std::int64_t out_stride) {
     __m512i r[16], t[16];
     for (int i = 0; i < 16; ++i) r[i] = _mm512_loadu_si512(in + i * in_stride);
     for (int i = 0; i < 16; i += 2) {
@@ -174,10 +188,11 @@ void transpose_block(const std::uint32_t* in, std::int64_t in_stride, std::uint3
         r[i] = _mm512_shuffle_i32x4(t[i], t[i + 8], 0x88);
         r[i + 8] = _mm512_shuffle_i32x4(t[i], t[i + 8], 0xdd);
     }
-    for (int i = 0; i < 16; ++i) _mm512_storeu_si512(out + i * out_stride, r[i]);
+    for (int i = 0; i < 16; ++i) put<Stream>(out + i * out_stride, r[i]);
 }
 
-void transpose_block(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out, std::int64_t out_stride) {
+template <bool Stream>
+void block64(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out, std::int64_t out_stride) {
     __m512i r[8], t[8];
     for (int i = 0; i < 8; ++i) r[i] = _mm512_loadu_si512(in + i * in_stride);
     for (int i = 0; i < 8; i += 2) {
@@ -194,8 +209,37 @@ void transpose_block(const std::uint64_t* in, std::int64_t in_stride, std::uint6
         t[i] = _mm512_shuffle_i64x2(r[i], r[i + 4], 0x88);
         t[i + 4] = _mm512_shuffle_i64x2(r[i], r[i + 4], 0xdd);
     }
-    for (int i = 0; i < 8; ++i) _mm512_storeu_si512(out + i * out_stride, t[i]);
+    for (int i = 0; i < 8; ++i) put<Stream>(out + i * out_stride, t[i]);
 }
+
+}  // namespace
+
+void transpose_block(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out, std::int64_t out_stride) {
+    block32<false>(in, in_stride, out, out_stride);
+}
+void transpose_block(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out, std::int64_t out_stride) {
+    block64<false>(in, in_stride, out, out_stride);
+}
+void transpose_block_stream(const std::uint32_t* in, std::int64_t in_stride, std::uint32_t* out,
+                            std::int64_t out_stride) {
+    block32<true>(in, in_stride, out, out_stride);
+}
+void transpose_block_stream(const std::uint64_t* in, std::int64_t in_stride, std::uint64_t* out,
+                            std::int64_t out_stride) {
+    block64<true>(in, in_stride, out, out_stride);
+}
+
+void copy_stream(const void* src, void* dst, std::int64_t bytes) {
+    const auto* s = static_cast<const unsigned char*>(src);
+    auto* d = static_cast<unsigned char*>(dst);
+    const std::int64_t head = std::min<std::int64_t>(bytes, (64 - reinterpret_cast<std::uintptr_t>(d) % 64) % 64);
+    __builtin_memcpy(d, s, std::size_t(head));
+    std::int64_t i = head;
+    for (; i + 64 <= bytes; i += 64) _mm512_stream_si512(reinterpret_cast<__m512i*>(d + i), _mm512_loadu_si512(s + i));
+    __builtin_memcpy(d + i, s + i, std::size_t(bytes - i));
+}
+
+void stream_fence() { _mm_sfence(); }
 
 }  // namespace avx512
 }  // namespace kix::geometry

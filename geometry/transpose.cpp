@@ -1,9 +1,9 @@
-// Axis transposes.  X-Z moves every element to another row and plane, so it
-// goes through tiles: a tile of source rows is read into a small buffer (each
-// read a short run along x) and written out as runs along the destination's x
-// (each write a short run along z); neither side needs to stay in cache, so
-// the large power-of-two strides of a volume cost no cache conflicts.  Y-Z
-// keeps rows whole and is a copy of rows.
+// Axis transposes.  X-Z moves every element to another row and plane; it goes
+// in square blocks of one cache line each way (turned in registers for 4- and
+// 8-byte elements).  A destination far larger than the caches is written with
+// streaming stores straight from the source; a smaller one through a buffer
+// that keeps both sides' memory accesses in long runs.  Y-Z keeps rows whole
+// and is a copy of rows.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -23,15 +23,26 @@ constexpr std::int64_t kTile = sizeof(E) <= 4 ? 64 : 32;
 
 constexpr std::int64_t kParallelElements = std::int64_t(1) << 14;
 
+// A destination this large cannot stay in cache anyway: streaming stores skip
+// reading each line before it is overwritten.
+constexpr std::int64_t kStreamBytes = std::int64_t(16) << 20;
+
+bool aligned64(const void* p, std::int64_t row_bytes, std::int64_t plane_bytes) {
+    return reinterpret_cast<std::uintptr_t>(p) % 64 == 0 && row_bytes % 64 == 0 && plane_bytes % 64 == 0;
+}
+
 // out[x * os + z] = in[z * is + x] for x < bx, z < bz: a block of at most one
 // cache line of elements each way, in registers when it is a whole one.
 template <class E>
 inline void block(const E* in, std::int64_t is, E* out, std::int64_t os, std::int64_t bx, std::int64_t bz,
-                  std::int64_t full, bool vector) {
+                  std::int64_t full, bool vector, bool stream) {
     if constexpr (sizeof(E) == 4 || sizeof(E) == 8) {
         if (vector && bx == full && bz == full) {
             using U = std::conditional_t<sizeof(E) == 4, std::uint32_t, std::uint64_t>;
-            avx512::transpose_block(reinterpret_cast<const U*>(in), is, reinterpret_cast<U*>(out), os);
+            if (stream)
+                avx512::transpose_block_stream(reinterpret_cast<const U*>(in), is, reinterpret_cast<U*>(out), os);
+            else
+                avx512::transpose_block(reinterpret_cast<const U*>(in), is, reinterpret_cast<U*>(out), os);
             return;
         }
     }
@@ -76,6 +87,24 @@ void transpose_xz(Strided<const E> src, Strided<E> dst) {
     const std::int64_t Cx = std::min(W, std::max(Bk, fit / Bk * Bk));
     const std::int64_t nstrips = (W + Cx - 1) / Cx;
     const bool vector = use_vector_rows();
+    const std::int64_t esize = sizeof(E);
+    const bool stream = vector && W * H * D * esize >= kStreamBytes && aligned64(dst.data, dr * esize, dp * esize);
+    if (stream) {
+        // Straight from the source: each block reads one line from each of Bk
+        // planes (walking along their rows) and streams one line into each of
+        // Bk destination rows.
+#pragma omp parallel if (threads)
+        {
+#pragma omp for collapse(2) schedule(static)
+            for (std::int64_t y = 0; y < H; ++y)
+                for (std::int64_t zb = 0; zb < D; zb += Bk)
+                    for (std::int64_t xb = 0; xb < W; xb += Bk)
+                        block(src.data + xb + y * sr + zb * sp, sp, dst.data + zb + y * dr + xb * dp, dp,
+                              std::min(Bk, W - xb), std::min(Bk, D - zb), Bk, vector, true);
+            avx512::stream_fence();
+        }
+        return;
+    }
 #pragma omp parallel if (threads)
     {
         std::vector<E> keep(static_cast<std::size_t>(Cx * D));
@@ -90,10 +119,11 @@ void transpose_xz(Strided<const E> src, Strided<E> dst) {
                     const std::int64_t bx = std::min(Bk, nx - xb);
                     for (std::int64_t zb = 0; zb < D; zb += Bk) {
                         block(buf + zb * Cx + xb, Cx, dst.data + zb + y * dr + (x0 + xb) * dp, dp, bx,
-                              std::min(Bk, D - zb), Bk, vector);
+                              std::min(Bk, D - zb), Bk, vector, stream);
                     }
                 }
             }
+        if (stream) avx512::stream_fence();
     }
 }
 
@@ -115,10 +145,21 @@ void transpose_yz(Strided<const E> src, Strided<E> dst) {
     // dst(x, z, y) = src(x, y, z): source row y of plane z is destination row
     // z of plane y.  The destination is written in order (scattered reads cost
     // less than scattered writes, which would first read every line they fill).
-#pragma omp parallel for collapse(2) schedule(static) if (threads)
-    for (std::int64_t y = 0; y < H; ++y)
-        for (std::int64_t z = 0; z < D; ++z)
-            std::memcpy(dst.data + z * dr + y * dp, src.data + y * sr + z * sp, std::size_t(W) * sizeof(E));
+    const bool stream = use_vector_rows() && W * H * D * std::int64_t(sizeof(E)) >= kStreamBytes;
+#pragma omp parallel if (threads)
+    {
+#pragma omp for collapse(2) schedule(static)
+        for (std::int64_t y = 0; y < H; ++y)
+            for (std::int64_t z = 0; z < D; ++z) {
+                E* out = dst.data + z * dr + y * dp;
+                const E* in = src.data + y * sr + z * sp;
+                if (stream)
+                    avx512::copy_stream(in, out, W * std::int64_t(sizeof(E)));
+                else
+                    std::memcpy(out, in, std::size_t(W) * sizeof(E));
+            }
+        if (stream) avx512::stream_fence();
+    }
 }
 
 #define KIX_TRANSPOSE(E)                                               \

@@ -382,6 +382,16 @@ def test_transposes_in_blocks(host, rng, simd, dtype):
                                   a.transpose(1, 0, 2))
 
 
+@pytest.mark.parametrize("dtype,shape", [(np.float32, (256, 64, 256)), (np.float64, (130, 64, 260)),
+                                         (np.float32, (64, 65, 1001)), (np.int16, (300, 90, 330))], ids=str)
+def test_transposes_of_volumes_beyond_the_caches(host, rng, dtype, shape):
+    """16 MiB and more: streaming stores where rows allow them (aligned or not)."""
+    a = random_array(rng, shape, dtype)
+    img = host.image(a)
+    np.testing.assert_array_equal(host.library_call("KIXTransposeXZ", img, None).numpy(), a.transpose(2, 1, 0))
+    np.testing.assert_array_equal(host.library_call("KIXTransposeYZ", img, None).numpy(), a.transpose(1, 0, 2))
+
+
 def test_transposes_large_and_two_dimensional_sources(host, rng):
     a = random_array(rng, (300, 2, 300), np.float32)  # strips of 208 columns: narrower than a slice
     np.testing.assert_array_equal(host.library_call("KIXTransposeXZ", host.image(a), None).numpy(),
