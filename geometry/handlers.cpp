@@ -128,7 +128,7 @@ void by_element_size(std::uint32_t bytes, F&& f) {
 
 // The kernel geometry of a view in elements of `bytes`.
 Geometry element_geometry(const pixels& p, std::uint32_t bytes) {
-    KIX_CHECK(p.pitch(0) == std::int64_t(bytes) && p.size(3) == 1, vorn::dm::kNotContiguous);
+    KIX_CHECK(p.pitch(0) == std::int64_t(bytes), vorn::dm::kNotContiguous);
     return {p.width(), p.height(), p.depth(), p.pitch(1) / bytes, p.pitch(2) / bytes};
 }
 
@@ -141,7 +141,7 @@ Image transpose(Swap which, const Image& src, const Image& dst) {
                        td = which == Swap::XZ ? W : H;
     const Image out = dst.IsValid() ? dst : new_image("", s.code(), {tw, th, td});
     const pixels d(out);
-    if (d.width() != tw || d.height() != th || d.depth() != td || d.size(3) != s.size(3))
+    if (d.width() != tw || d.height() != th || d.depth() != td || d.size(3) != 1 || s.size(3) != 1)
         fail("Invalid image size.");
     if (d.code() != s.code()) fail("Invalid image type.");
     if (s.code() > 25) return Image();

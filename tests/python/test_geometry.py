@@ -413,6 +413,8 @@ def test_transpose_messages(host):
     assert script_error(host.library_call, "KIXTransposeXZ", src, host.image(np.ones((2, 3, 4), np.int16))) == \
         ("Invalid image size.", "TransposeXZDM")
     assert script_error(host.library_call, "KIXTransposeYZ", src, src) == ("Invalid image size.", "TransposeYZDM")
+    four = host.image(np.ones((2, 3, 4, 5), np.float32))
+    assert script_error(host.library_call, "KIXTransposeYZ", four, four)[0] == "Invalid image size."
     parent = host.image(np.zeros((8, 8, 8), np.float32))
     a, b = host.subarea(parent, [0, 0, 0], [4, 4, 4]), host.subarea(parent, [0, 1, 1], [4, 4, 4])
     assert script_error(host.library_call, "KIXTransposeXZ", a, b)[0] == \
