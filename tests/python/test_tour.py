@@ -23,6 +23,6 @@ def test_tour_runs_and_agrees_with_numpy(tmp_path):
     assert "largest difference 0\n" in out
     assert "ScriptError('Data type should be Complex.') from kix::vml::vml_expr2DM" in out
     assert "ScriptError('Data type should be Binary, Integer or Real.') from kix::vml::vml_expr1DM" in out
-    for name in ("diffraction.png", "median_stack.png"):
+    for name in ("diffraction.png", "median_stack.png", "geometry.png"):
         with open(tmp_path / name, "rb") as f:
             assert f.read(8) == b"\x89PNG\r\n\x1a\n"
