@@ -24,7 +24,7 @@ void affine_warp(Strided<const T> src, const double* c, T fill, Strided<T> dst) 
         const double cxy = c[1] * yd, cyy = c[4] * yd;
         T* d = dst.row(y);
         if (vector) {
-            avx512::affine_row(s, W, H, row, c, cxy, cyy, fill, d, nx);
+            avx512::affine_row(s, W, H, row, c, cxy, cyy, fill, d, 0, nx);
             continue;
         }
         for (std::int64_t x = 0; x < nx; ++x) {

@@ -18,13 +18,14 @@ bool use_vector_rows() noexcept;
 namespace avx512 {
 
 // One destination row of the affine warp (see affine_warp): pixels x in
-// [0, nx) of row y, whose y terms c[1]*y and c[4]*y are cxy and cyy.  The
+// [x_begin, x_end) of row y (dst points at the row), whose y terms c[1]*y and
+// c[4]*y are cxy and cyy.  The
 // source is W x H with `row` elements per row; every index y0*row + x0 + row + 1
 // must fit in 32 bits.
 void affine_row(const float* src, std::int64_t W, std::int64_t H, std::int64_t row, const double* c, double cxy,
-                double cyy, float fill, float* dst, std::int64_t nx);
+                double cyy, float fill, float* dst, std::int64_t x_begin, std::int64_t x_end);
 void affine_row(const double* src, std::int64_t W, std::int64_t H, std::int64_t row, const double* c, double cxy,
-                double cyy, double fill, double* dst, std::int64_t nx);
+                double cyy, double fill, double* dst, std::int64_t x_begin, std::int64_t x_end);
 
 // One destination row of the crossed two-axis warp from source rows r0 (y0)
 // and r1 (y1), each n_src long: dst[x] = crossed(r0[x0[x]], r0[x1[x]], r1[x0[x]],

@@ -31,18 +31,20 @@ __m256 coordinate(__m512d a, __m512d x, __m512d b, __m512d c) {
 }  // namespace
 
 void affine_row(const float* src, std::int64_t W, std::int64_t H, std::int64_t row, const double* c, double cxy,
-                double cyy, float fill, float* dst, std::int64_t nx) {
+                double cyy, float fill, float* dst, std::int64_t x_begin, std::int64_t x_end) {
     const __m512d c0 = _mm512_set1_pd(c[0]), c2 = _mm512_set1_pd(c[2]);
     const __m512d c3 = _mm512_set1_pd(c[3]), c5 = _mm512_set1_pd(c[5]);
     const __m512d bx = _mm512_set1_pd(cxy), by = _mm512_set1_pd(cyy);
     const __m512d sixteen = _mm512_set1_pd(16.0);
-    __m512d xlo = _mm512_setr_pd(0, 1, 2, 3, 4, 5, 6, 7), xhi = _mm512_setr_pd(8, 9, 10, 11, 12, 13, 14, 15);
+    const __m512d first = _mm512_set1_pd(double(x_begin));
+    __m512d xlo = _mm512_add_pd(first, _mm512_setr_pd(0, 1, 2, 3, 4, 5, 6, 7));
+    __m512d xhi = _mm512_add_pd(first, _mm512_setr_pd(8, 9, 10, 11, 12, 13, 14, 15));
     const __m512i vW = _mm512_set1_epi32(std::int32_t(W)), vH = _mm512_set1_epi32(std::int32_t(H));
     const __m512i vrow = _mm512_set1_epi32(std::int32_t(row)), one = _mm512_set1_epi32(1);
     const __m512i zero_i = _mm512_setzero_si512();
     const __m512 zero = _mm512_setzero_ps(), vfill = _mm512_set1_ps(fill);
-    for (std::int64_t x = 0; x < nx; x += 16) {
-        const __mmask16 live = tail16(nx - x);
+    for (std::int64_t x = x_begin; x < x_end; x += 16) {
+        const __mmask16 live = tail16(x_end - x);
         const __m512 sx = _mm512_insertf32x8(_mm512_castps256_ps512(coordinate(c0, xlo, bx, c2)),
                                              coordinate(c0, xhi, bx, c2), 1);
         const __m512 sy = _mm512_insertf32x8(_mm512_castps256_ps512(coordinate(c3, xlo, by, c5)),
@@ -74,18 +76,18 @@ void affine_row(const float* src, std::int64_t W, std::int64_t H, std::int64_t r
 }
 
 void affine_row(const double* src, std::int64_t W, std::int64_t H, std::int64_t row, const double* c, double cxy,
-                double cyy, double fill, double* dst, std::int64_t nx) {
+                double cyy, double fill, double* dst, std::int64_t x_begin, std::int64_t x_end) {
     const __m512d c0 = _mm512_set1_pd(c[0]), c2 = _mm512_set1_pd(c[2]);
     const __m512d c3 = _mm512_set1_pd(c[3]), c5 = _mm512_set1_pd(c[5]);
     const __m512d bx = _mm512_set1_pd(cxy), by = _mm512_set1_pd(cyy);
     const __m512d eight = _mm512_set1_pd(8.0);
-    __m512d xs = _mm512_setr_pd(0, 1, 2, 3, 4, 5, 6, 7);
+    __m512d xs = _mm512_add_pd(_mm512_set1_pd(double(x_begin)), _mm512_setr_pd(0, 1, 2, 3, 4, 5, 6, 7));
     const __m256i vW = _mm256_set1_epi32(std::int32_t(W)), vH = _mm256_set1_epi32(std::int32_t(H));
     const __m256i vrow = _mm256_set1_epi32(std::int32_t(row)), one = _mm256_set1_epi32(1);
     const __m256i zero_i = _mm256_setzero_si256();
     const __m512d zero = _mm512_setzero_pd(), vfill = _mm512_set1_pd(fill);
-    for (std::int64_t x = 0; x < nx; x += 8) {
-        const __mmask8 live = tail8(nx - x);
+    for (std::int64_t x = x_begin; x < x_end; x += 8) {
+        const __mmask8 live = tail8(x_end - x);
         const __m256 sx = coordinate(c0, xs, bx, c2), sy = coordinate(c3, xs, by, c5);
         xs = _mm512_add_pd(xs, eight);
         const __m256 flx = _mm256_roundscale_ps(sx, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
