@@ -231,6 +231,30 @@ def main():
     plt.close(fig)
 
     figures.append(step_tie(h, args.out))
+    step("Geometry: rotate and rescale the pattern, taper a frame before its spectrum")
+    frame = h.image(pattern.astype(np.float32), name="pattern")
+    t, cy, cx = np.radians(10), (pattern.shape[0] - 1) / 2, (pattern.shape[1] - 1) / 2
+    # destination -> source: row 0 gives the source x, row 1 the source y
+    m = np.array([[np.cos(t), -np.sin(t), 0.0], [np.sin(t), np.cos(t), 0.0]])
+    m[:, 2] = [cx - m[0, 0] * cx - m[0, 1] * cy, cy - m[1, 0] * cx - m[1, 1] * cy]
+    rotated = h.call("KIXAffineWarp", frame, h.image(m), None, 0)
+    scaled = h.call("KIXLinearWarpXY", frame, h.image(np.array([1.5, 1.5])), None)
+    print(f"KIXAffineWarp 10° -> {rotated.name!r} {rotated.shape};  KIXLinearWarpXY x1.5 -> {scaled.shape}")
+    # A frame whose opposite edges differ: the periodic continuation has a step there,
+    # which the spectrum shows as a bright cross; the Hanning window removes it.
+    yy, xx = np.mgrid[0:256, 0:256]
+    tilted = (np.sin(xx / 5.0) + np.cos(yy / 7.0) + xx / 64.0 + yy / 40.0).astype(np.float32)
+    tapered = h.library_call("KIXHanningWindow", h.image(tilted), 0.0, 1.0, 0.0, None)
+    power = [np.log1p(np.abs(np.fft.fftshift(np.fft.fft2(a))) ** 2) for a in (tilted, tapered.numpy())]
+    fig, ax = plt.subplots(1, 4, figsize=(15, 4))
+    for a, (im, title) in zip(ax, [(rotated.numpy(), "KIXAffineWarp 10°"), (scaled.numpy(), "KIXLinearWarpXY x1.5"),
+                                   (power[0], "power spectrum"), (power[1], "after KIXHanningWindow")]):
+        a.imshow(im, cmap="inferno" if "power" in title or "Hanning" in title else "gray")
+        a.set_title(title)
+    fig.tight_layout()
+    figures.append(os.path.join(args.out, "geometry.png"))
+    fig.savefig(figures[-1], dpi=90)
+    plt.close(fig)
 
     step("Bad input gets a clear error")
     c = h.image(np.ones((4, 4), np.complex64), name="complex")
