@@ -198,3 +198,180 @@ def test_damaged_dm_files_fail_cleanly(tmp_path, path):
         p = tmp_path / f"flip{k}.dm"
         p.write_bytes(bytes(flipped))
         run_cli(p)
+
+
+# ---------------------------------------------------------------- .npy, raw
+NPY_TYPES = [np.bool_, np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64,
+             np.complex64, np.complex128]
+
+
+@pytest.mark.parametrize("dtype", NPY_TYPES)
+def test_npy_read_and_round_trip(host, tmp_path, rng, dtype):
+    from conftest import random_array
+    for shape in [(7,), (5, 6), (2, 3, 4), (2, 2, 3, 4), (1, 2, 1, 2, 3)]:
+        a = random_array(rng, shape, dtype)
+        p = tmp_path / "a.npy"
+        np.save(p, a)
+        img = host.open(str(p))
+        assert img.shape == shape and np.array_equal(img.numpy(), a)
+        q = tmp_path / "b.npy"
+        img.save(str(q))
+        back = np.load(q)
+        assert back.dtype == a.dtype and np.array_equal(back, a)
+
+
+def test_npy_byte_orders_fortran_half_and_subareas(host, tmp_path, rng):
+    a = rng.standard_normal((6, 7))
+    for arr in [a.astype(">f8"), a.astype(">c8"), np.asfortranarray(a), np.asfortranarray(rng.integers(0, 9, (2, 3, 4)).astype(">i2"))]:
+        np.save(tmp_path / "a.npy", arr)
+        img = host.open(str(tmp_path / "a.npy"))
+        assert img.shape == arr.shape and np.array_equal(img.numpy(), arr)
+    np.save(tmp_path / "h.npy", a.astype(np.float16))
+    img = host.open(str(tmp_path / "h.npy"))
+    assert img.numpy().dtype == np.float32 and np.array_equal(img.numpy(), a.astype(np.float16).astype(np.float32))
+    # A subarea is saved as its own pixels.
+    big = host.image(a.astype(np.float32))
+    sub = host.subarea(big, [1, 2], [3, 4])
+    sub.save(str(tmp_path / "s.npy"))
+    assert np.array_equal(np.load(tmp_path / "s.npy"), a.astype(np.float32)[1:4, 2:6])
+
+
+def test_npy_and_raw_errors(host, tmp_path):
+    np.save(tmp_path / "i8.npy", np.zeros(3, np.int64))
+    assert "unsupported pixel type" in opened_error(host, tmp_path / "i8.npy")
+    np.save(tmp_path / "rec.npy", np.zeros(3, [("a", "f4")]))
+    assert "structured" in opened_error(host, tmp_path / "rec.npy")
+    np.save(tmp_path / "six.npy", np.zeros((1,) * 6, np.float32))
+    assert "1 to 5" in opened_error(host, tmp_path / "six.npy")
+    np.save(tmp_path / "cut.npy", np.zeros((100, 100), np.float32))
+    data = (tmp_path / "cut.npy").read_bytes()
+    (tmp_path / "cut.npy").write_bytes(data[:-1])
+    assert "truncated" in opened_error(host, tmp_path / "cut.npy")
+    # A header announcing a huge array in a small file.
+    (tmp_path / "huge.npy").write_bytes(data.replace(b"(100, 100)", b"(999999999999, 9)"))
+    assert "truncated or its header is corrupt" in opened_error(host, tmp_path / "huge.npy")
+    with pytest.raises(kix.FileError, match="cannot save"):
+        host.image(np.zeros(3, np.float32)).save(str(tmp_path / "a.png"))
+    with pytest.raises(kix.FileError, match="cannot save Complex 8"):
+        host.image(np.zeros(3, np.complex64)).save(str(tmp_path / "a.tif"))
+
+
+def test_raw_pixels(host, tmp_path, rng):
+    a = rng.integers(-30000, 30000, (3, 4, 5)).astype(np.int16)
+    (tmp_path / "a.raw").write_bytes(b"HEADER" + a.astype(">i2").tobytes())
+    img = host.open_raw(str(tmp_path / "a.raw"), (3, 4, 5), 1, offset=6, big_endian=True)
+    assert np.array_equal(img.numpy(), a)
+    c = (rng.standard_normal((4, 4)) + 1j).astype(np.complex64)
+    (tmp_path / "c.raw").write_bytes(c.tobytes())
+    assert np.array_equal(host.open_raw(str(tmp_path / "c.raw"), (4, 4), 3).numpy(), c)
+    with pytest.raises(kix.FileError, match="truncated"):
+        host.open_raw(str(tmp_path / "a.raw"), (3, 4, 5), 1, offset=7)
+    with pytest.raises(kix.FileError, match="unsupported pixel type 4"):
+        host.open_raw(str(tmp_path / "a.raw"), (3, 4), 4)
+
+
+# ---------------------------------------------------------------- MRC
+@pytest.mark.parametrize("mode,dtype", [(0, np.int8), (1, np.int16), (2, np.float32), (4, np.complex64),
+                                        (6, np.uint16), (12, np.float16)])
+def test_mrc_modes_and_spacing(host, tmp_path, rng, mode, dtype):
+    import mrcfile
+    from conftest import random_array
+    for shape in [(6, 9), (4, 6, 9)]:
+        a = random_array(rng, shape, np.float32 if dtype == np.float16 else dtype).astype(dtype)
+        p = str(tmp_path / "a.mrc")
+        with mrcfile.new(p, overwrite=True) as m:
+            m.set_data(a)
+            m.voxel_size = (0.5, 0.75, 2.0)
+            m.header.origin = (10.0, -3.0, 0.0)
+        img = host.open(p)
+        with mrcfile.open(p) as m:
+            assert int(m.header.mode) == mode
+            ref = m.data
+        expected = ref.astype(np.float32) if dtype == np.float16 else ref
+        assert img.shape == a.shape and img.numpy().dtype == expected.dtype
+        assert np.array_equal(img.numpy(), expected)
+        cal = img.calibration[::-1]  # x, y, z
+        assert [c.scale for c in cal] == pytest.approx([0.5, 0.75, 2.0][: len(shape)])
+        assert all(c.units == "Å" for c in cal)
+        assert -cal[0].origin * cal[0].scale == pytest.approx(10.0)
+        assert -cal[1].origin * cal[1].scale == pytest.approx(-3.0)
+        assert img.tags["MRC"]["Mode"] == mode
+
+
+def test_mrc_big_endian_and_bad_headers(host, tmp_path, rng):
+    import mrcfile
+    a = rng.standard_normal((5, 7)).astype(np.float32)
+    p = tmp_path / "b.mrc"
+    with mrcfile.new(str(p)) as m:
+        m.set_data(a.astype(">f4"))
+    with mrcfile.open(str(p)) as m:
+        assert m.header.mode.dtype.byteorder == ">"
+    assert np.array_equal(host.open(str(p)).numpy(), a)
+    good = (tmp_path / "b.mrc").read_bytes()
+    bad = bytearray(good)
+    bad[0:4] = (1 << 30).to_bytes(4, "big")  # nx
+    (tmp_path / "huge.mrc").write_bytes(bytes(bad))
+    assert "truncated or its header is corrupt" in opened_error(host, tmp_path / "huge.mrc")
+    bad = bytearray(good)
+    bad[12:16] = (3).to_bytes(4, "big")
+    (tmp_path / "m3.mrc").write_bytes(bytes(bad))
+    assert "MRC mode 3" in opened_error(host, tmp_path / "m3.mrc")
+    (tmp_path / "short.mrc").write_bytes(good[:500])
+    assert "truncated" in opened_error(host, tmp_path / "short.mrc")
+
+
+# ---------------------------------------------------------------- TIFF
+TIFF_TYPES = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
+
+
+@pytest.mark.parametrize("dtype", TIFF_TYPES)
+def test_tiff_from_tifffile_and_round_trip(host, tmp_path, rng, dtype):
+    import tifffile
+    from conftest import random_array
+    a = random_array(rng, (3, 20, 30), dtype)
+    p = str(tmp_path / "stack.tif")
+    tifffile.imwrite(p, a, photometric="minisblack")
+    img = host.open(p)
+    assert img.shape == a.shape and np.array_equal(img.numpy(), a)
+    # Compressed and tiled pages.
+    tifffile.imwrite(p, a[0], compression="zlib", tile=(16, 16), photometric="minisblack")
+    assert np.array_equal(host.open(p).numpy(), a[0])
+    tifffile.imwrite(p, a[1], compression="zlib", rowsperstrip=3, photometric="minisblack")
+    assert np.array_equal(host.open(p).numpy(), a[1])
+    # What kix saves, tifffile and kix read back with the calibration.
+    img = host.image(a, name="a")
+    img.set_calibration(-1, origin=2.0, scale=0.25, units="nm")
+    img.set_calibration(-2, origin=-1.0, scale=0.5, units="nm")
+    img.set_calibration(0, origin=0.0, scale=3.0, units="s")
+    q = str(tmp_path / "kix.tiff")
+    img.save(q)
+    with tifffile.TiffFile(q) as t:
+        assert np.array_equal(t.asarray(), a)
+        assert t.imagej_metadata["unit"] == "nm" and t.imagej_metadata["spacing"] == 3.0
+        x = t.pages[0].tags["XResolution"].value
+        assert x[0] / x[1] == pytest.approx(4.0)
+    back = host.open(q)
+    assert np.array_equal(back.numpy(), a)
+    assert back.calibration == (kix.Axis(0.0, 3.0, "s"), kix.Axis(-1.0, 0.5, "nm"), kix.Axis(2.0, 0.25, "nm"))
+
+
+def test_tiff_resolution_rgb_and_errors(host, tmp_path, rng):
+    import tifffile
+    a = rng.integers(0, 255, (8, 10), dtype=np.uint8)
+    p = str(tmp_path / "r.tif")
+    tifffile.imwrite(p, a, resolution=(200.0, 100.0), resolutionunit="CENTIMETER")
+    cal = host.open(p).calibration
+    assert cal[1].units == "cm" and cal[1].scale == pytest.approx(1 / 200) and cal[0].scale == pytest.approx(1 / 100)
+    tifffile.imwrite(p, a, imagej=True, resolution=(1 / 0.2, 1 / 0.2), metadata={"unit": "um"})
+    assert host.open(p).calibration[1] == pytest.approx(kix.Axis(0.0, 0.2, "um"))
+    rgb = rng.integers(0, 255, (4, 5, 3), dtype=np.uint8)
+    tifffile.imwrite(p, rgb, photometric="rgb")
+    v = host.open(p).numpy()
+    assert np.array_equal((v >> 16) & 0xFF, rgb[..., 0]) and np.array_equal(v & 0xFF, rgb[..., 2])
+    tifffile.imwrite(p, np.zeros((4, 4), np.complex64))
+    assert "unsupported pixel type" in opened_error(host, p)
+    tifffile.imwrite(p, np.zeros((64, 64), np.float32))
+    data = open(p, "rb").read()
+    open(p, "wb").write(data[: len(data) // 2])
+    msg = opened_error(host, p)
+    assert "truncated" in msg or "cannot read" in msg
