@@ -165,16 +165,21 @@ void print_opened(const Image& img) {
     }
     std::cout << "  tags:\n";
     TagGroup top(img.tags->is_list);
-    for (const TagGroup::Tag& t : img.tags->tags) {
-        if (const auto* g = std::get_if<TagGroupPtr>(&t.value); g && *g) {
-            std::string count = std::to_string((*g)->tags.size());
-            count.insert(0, 1, '(');
-            count.append(" tags)");
-            top.tags.push_back({t.label, std::move(count)});
-        } else
-            top.tags.push_back(t);
-    }
+    for (const TagGroup::Tag& t : img.tags->tags)
+        if (!std::holds_alternative<TagGroupPtr>(t.value)) top.tags.push_back(t);
     print_tags(top, 4);
+    // Groups by name and size only.
+    for (std::size_t k = 0; k < img.tags->tags.size(); ++k) {
+        const TagGroup::Tag& t = img.tags->tags[k];
+        if (const auto* g = std::get_if<TagGroupPtr>(&t.value); g && *g) {
+            std::cout << "    ";
+            if (img.tags->is_list)
+                std::cout << '[' << k << ']';
+            else
+                std::cout << t.label;
+            std::cout << ": group of " << (*g)->tags.size() << " tags\n";
+        }
+    }
 }
 
 void print_value(const Value& v) {
