@@ -154,13 +154,16 @@ void read_page(TIFF* t, const std::string& path, const PageType& p, std::byte* o
     TIFFGetFieldDefaulted(t, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
     if (rows_per_strip == 0 || rows_per_strip > p.height) rows_per_strip = p.height;
     const tstrip_t strips = TIFFNumberOfStrips(t);
-    scratch.resize(row * rows_per_strip);
+    if (p.samples != 1) scratch.resize(row * rows_per_strip);
     for (tstrip_t s = 0; s < strips; ++s) {
         const std::uint64_t y0 = std::uint64_t(s) * rows_per_strip;
         if (y0 >= p.height) break;
         const std::uint32_t rows = std::uint32_t(std::min<std::uint64_t>(rows_per_strip, p.height - y0));
-        if (TIFFReadEncodedStrip(t, s, scratch.data(), tmsize_t(row * rows)) < 0) tiff_fail(path, "cannot read a strip");
-        place(out + y0 * p.width * pixel_bytes, scratch.data(), std::size_t(rows) * p.width);
+        std::byte* dst = out + y0 * p.width * pixel_bytes;
+        // One sample a pixel: the strip goes straight into the image.
+        std::byte* into = p.samples == 1 ? dst : scratch.data();
+        if (TIFFReadEncodedStrip(t, s, into, tmsize_t(row * rows)) < 0) tiff_fail(path, "cannot read a strip");
+        if (p.samples != 1) place(dst, scratch.data(), std::size_t(rows) * p.width);
     }
 }
 
@@ -217,10 +220,10 @@ ImagePtr open_tiff(const std::string& path) {
     std::string desc;
     if (TIFFGetField(f.t, TIFFTAG_IMAGEDESCRIPTION, &text) && text) desc = text;
     float xres = 0, yres = 0;
-    std::uint16_t unit = RESUNIT_NONE;
+    std::uint16_t unit = RESUNIT_NONE;  // a missing unit is no calibration, not libtiff's default inch
     const bool has_x = TIFFGetField(f.t, TIFFTAG_XRESOLUTION, &xres) && std::isfinite(xres) && xres > 0;
     const bool has_y = TIFFGetField(f.t, TIFFTAG_YRESOLUTION, &yres) && std::isfinite(yres) && yres > 0;
-    TIFFGetFieldDefaulted(f.t, TIFFTAG_RESOLUTIONUNIT, &unit);
+    TIFFGetField(f.t, TIFFTAG_RESOLUTIONUNIT, &unit);
     if (desc.rfind("ImageJ=", 0) == 0) {
         std::string u = imagej_value(desc, "unit");
         if (u == "micron" || u == "\\u00B5m") u = "\xC2\xB5m";

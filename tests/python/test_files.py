@@ -362,6 +362,8 @@ def test_tiff_resolution_rgb_and_errors(host, tmp_path, rng):
     tifffile.imwrite(p, a, resolution=(200.0, 100.0), resolutionunit="CENTIMETER")
     cal = host.open(p).calibration
     assert cal[1].units == "cm" and cal[1].scale == pytest.approx(1 / 200) and cal[0].scale == pytest.approx(1 / 100)
+    tifffile.imwrite(p, a, resolution=(72.0, 72.0), resolutionunit="NONE")  # no unit: no calibration
+    assert host.open(p).calibration[1] == kix.Axis(0.0, 1.0, "")
     tifffile.imwrite(p, a, imagej=True, resolution=(1 / 0.2, 1 / 0.2), metadata={"unit": "um"})
     assert host.open(p).calibration[1] == pytest.approx(kix.Axis(0.0, 0.2, "um"))
     rgb = rng.integers(0, 255, (4, 5, 3), dtype=np.uint8)
