@@ -318,7 +318,8 @@ void save_tiff(const Image& image, const std::string& path) {
         }
         if (k == 0) TIFFSetField(f.t, TIFFTAG_IMAGEDESCRIPTION, description.c_str());
         TIFFSetField(f.t, TIFFTAG_SOFTWARE, "kix");
-        if (TIFFWriteEncodedStrip(f.t, 0, dense->data() + k * page_bytes, tmsize_t(page_bytes)) < 0 ||
+        // Uncompressed: the page is written as it lies, without libtiff's copy into a buffer of its own.
+        if (TIFFWriteRawStrip(f.t, 0, dense->data() + k * page_bytes, tmsize_t(page_bytes)) < 0 ||
             !TIFFWriteDirectory(f.t))
             tiff_fail(path, "cannot write the file");
     }
