@@ -377,3 +377,18 @@ def test_tiff_resolution_rgb_and_errors(host, tmp_path, rng):
     open(p, "wb").write(data[: len(data) // 2])
     msg = opened_error(host, p)
     assert "truncated" in msg or "cannot read" in msg
+
+
+def test_module_library_open_image_hands_on_the_hosts_image(host, tmp_path):
+    """KIXOpenImage (library only): the host opens the file; errors are script errors naming it."""
+    assert "ImageRef KIXOpenImage(dm_string strFileName)" in host.library_signatures()
+    assert not any("OpenImage" in s for s in host.signatures())
+    a = np.arange(12, dtype=np.float32).reshape(3, 4)
+    p = str(tmp_path / "cal.dm3")
+    dmfile.write(p, a, version=3, calibrations=[(1.0, 0.5, "nm"), (0.0, 2.0, "nm")], name="cal")
+    img = host.library_call("KIXOpenImage", p)
+    assert np.array_equal(img.numpy(), a) and img.calibration[-1] == kix.Axis(1.0, 0.5, "nm")
+    with pytest.raises(kix.ScriptError) as e:
+        host.library_call("KIXOpenImage", str(tmp_path / "none.tif"))
+    assert e.value.context == "OpenImageDM"
+    assert str(e.value) == f'OpenImage: "{tmp_path / "none.tif"}": no such file.'
