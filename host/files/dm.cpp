@@ -477,16 +477,18 @@ ImagePtr open_dm(const std::string& path) {
     if (type->packed) {
         std::vector<std::byte> packed(stored);
         src.read_into(e.pixels->offset, packed.data(), stored, "the pixel array");
-        if (!parser.little()) swap_bytes(packed.data(), stored / std::size_t(e.pixels->value_bytes), std::size_t(e.pixels->value_bytes));
+        if (parser.little() != kLittleHost)
+            swap_bytes(packed.data(), stored / std::size_t(e.pixels->value_bytes), std::size_t(e.pixels->value_bytes));
         const std::int64_t rows = std::int64_t(e.count) / e.dims[0];
         if (type->code == kComplex64)
             unpack_rows<std::complex<float>>(packed.data(), img->data(), e.dims[0], rows);
         else
             unpack_rows<std::complex<double>>(packed.data(), img->data(), e.dims[0], rows);
     } else {
-        src.read_into(e.pixels->offset, img->data(), stored, "the pixel array");
-        if (!parser.little() && e.pixels->value_bytes > 1)
-            swap_bytes(img->data(), stored / std::size_t(e.pixels->value_bytes), std::size_t(e.pixels->value_bytes));
+        if (parser.little() == kLittleHost)
+            src.read_into(e.pixels->offset, img->data(), stored, "the pixel array");
+        else
+            src.read_swapped(e.pixels->offset, img->data(), stored, std::size_t(e.pixels->value_bytes), "the pixel array");
     }
 
     if (const TagGroup* cal = group_at(*e.image_data, "Calibrations")) {

@@ -66,6 +66,19 @@ void Source::read_into(std::uint64_t offset, void* dst, std::uint64_t n, const c
     }
 }
 
+void Source::read_swapped(std::uint64_t offset, void* dst, std::uint64_t n, std::size_t width,
+                          const char* what) const {
+    need(offset, n, what);
+    if (width <= 1) return read_into(offset, dst, n, what);
+    const std::uint64_t piece = (std::uint64_t(256) << 10) / width * width;  // fits in L2
+    auto* out = static_cast<std::byte*>(dst);
+    for (std::uint64_t done = 0; done < n; done += piece) {
+        const std::uint64_t m = std::min(piece, n - done);
+        read_into(offset + done, out + done, m, what);
+        swap_bytes(out + done, std::size_t(m / width), width);
+    }
+}
+
 void swap_bytes(void* data, std::size_t count, std::size_t width) {
     auto* p = static_cast<unsigned char*>(data);
     switch (width) {
@@ -175,8 +188,10 @@ ImagePtr read_block(const Source& src, int code, const std::vector<std::int64_t>
     } catch (const std::invalid_argument& e) {
         src.fail(e.what());
     }
-    src.read_into(offset, img->data(), bytes, "the pixels");
-    if (little != kLittleHost && width > 1) swap_bytes(img->data(), std::size_t(bytes) / width, width);
+    if (little != kLittleHost)
+        src.read_swapped(offset, img->data(), bytes, width, "the pixels");
+    else
+        src.read_into(offset, img->data(), bytes, "the pixels");
     return img;
 }
 
