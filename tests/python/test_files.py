@@ -181,23 +181,51 @@ def run_cli(path):
 FUZZ_SOURCES = [p for p in DM_FILES if os.path.getsize(p) < 300_000][::9]
 
 
-@pytest.mark.skipif(not CLI, reason="KIX_HOST_CLI names the kixhost program")
-@pytest.mark.parametrize("path", FUZZ_SOURCES, ids=os.path.basename)
-def test_damaged_dm_files_fail_cleanly(tmp_path, path):
-    data = open(path, "rb").read()
+def damage(tmp_path, data, suffix, cuts_fail=True, end=0):
+    """Truncated and bit-flipped copies of a file, each opened by `kixhost open` in its own process."""
     rng = np.random.default_rng(len(data))
-    end = 16 if data[3] == 4 else 8  # the closing zeros
     for cut in sorted(set(rng.integers(0, len(data) - end, 12).tolist() + [0, 3, 15, 40])):
-        p = tmp_path / f"cut{cut}.dm"
+        p = tmp_path / f"cut{cut}{suffix}"
         p.write_bytes(data[:cut])
-        assert run_cli(p).returncode == 1
+        r = run_cli(p)
+        if cuts_fail:
+            assert r.returncode == 1
     for k in range(24):
         flipped = bytearray(data)
         for at in rng.integers(0, len(data), 1 + k % 4):
             flipped[at] ^= 1 << int(rng.integers(0, 8))
-        p = tmp_path / f"flip{k}.dm"
+        p = tmp_path / f"flip{k}{suffix}"
         p.write_bytes(bytes(flipped))
         run_cli(p)
+
+
+@pytest.mark.skipif(not CLI, reason="KIX_HOST_CLI names the kixhost program")
+@pytest.mark.parametrize("path", FUZZ_SOURCES, ids=os.path.basename)
+def test_damaged_dm_files_fail_cleanly(tmp_path, path):
+    data = open(path, "rb").read()
+    damage(tmp_path, data, ".dm", end=16 if data[3] == 4 else 8)  # past the closing zeros
+
+
+@pytest.mark.skipif(not CLI, reason="KIX_HOST_CLI names the kixhost program")
+@pytest.mark.parametrize("kind", ["tiff", "tiled-zlib-tiff", "mrc", "npy"])
+def test_damaged_tiff_mrc_npy_files_fail_cleanly(tmp_path, rng, kind):
+    import mrcfile
+    import tifffile
+    a = rng.standard_normal((3, 40, 50)).astype(np.float32)
+    p = tmp_path / "source"
+    if kind == "tiff":
+        tifffile.imwrite(p, a, photometric="minisblack", resolution=(2.0, 2.0))
+    elif kind == "tiled-zlib-tiff":
+        tifffile.imwrite(p, a, photometric="minisblack", tile=(16, 16), compression="zlib")
+    elif kind == "mrc":
+        with mrcfile.new(str(p)) as m:
+            m.set_data(a)
+    else:
+        np.save(p, a)
+        p = tmp_path / "source.npy"
+    data = p.read_bytes()
+    # A TIFF cut inside its pixels may still hold whole earlier pages.
+    damage(tmp_path, data, {"mrc": ".mrc", "npy": ".npy"}.get(kind, ".tif"), cuts_fail=not kind.endswith("tiff"))
 
 
 # ---------------------------------------------------------------- .npy, raw
