@@ -28,6 +28,11 @@ namespace {
 
 constexpr int kMaxDepth = 100;                     // deeper nesting is a corrupt file
 constexpr std::uint64_t kMaxListed = 1u << 16;     // longer arrays are not turned into tag lists
+// A tag costs far more memory than its bytes in the file: a file may hold at
+// most this many tags, and this many array values turned into tag lists (the
+// arrays beyond are left out), so that no file makes the tree huge.
+constexpr std::uint64_t kMaxTags = 1u << 22;
+constexpr std::uint64_t kMaxListedInAll = 1u << 20;
 
 // Bytes of the simple value types (0: not simple).
 int simple_size(std::uint64_t type) {
@@ -121,7 +126,16 @@ private:
     bool v4_ = false;
     bool little_ = true;
     std::uint64_t pos_ = 0;
+    std::uint64_t tags_ = 0;
+    std::uint64_t listed_ = 0;
     std::map<const TagGroup*, PixelArray> arrays_;
+
+    // Whether `count` more values may become tags.
+    bool may_list(std::uint64_t count) {
+        if (count > kMaxListed || count > kMaxListedInAll - listed_) return false;
+        listed_ += count;
+        return true;
+    }
 
     const std::byte* take(std::uint64_t n, const char* what) {
         src_.need(pos_, n, what);
@@ -139,6 +153,7 @@ private:
     void tags(TagGroup& group, std::uint64_t count, int depth, const std::string& group_label) {
         if (depth > kMaxDepth) src_.fail("the file is corrupt: tag groups nested more than 100 deep.");
         for (std::uint64_t i = 0; i < count; ++i) {
+            if (++tags_ > kMaxTags) src_.fail("the file is corrupt: more than 4194304 tags.");
             const std::uint8_t kind = byte("a tag");
             const std::uint16_t length = load<std::uint16_t>(take(2, "a tag label"), false);
             std::string label = text_of(take(length, "a tag label"), length);
@@ -231,7 +246,15 @@ private:
             if (n < 3 || fields > (n - 3) / 2 || n != 3 + 2 * fields)
                 src_.fail("the file is corrupt: a struct tag with a bad description.");
             std::vector<std::uint64_t> types;
-            for (std::uint64_t f = 0; f < fields; ++f) types.push_back(info[4 + 2 * f]);
+            std::uint64_t esize = 0;
+            for (std::uint64_t f = 0; f < fields; ++f) {
+                types.push_back(info[4 + 2 * f]);
+                esize += std::uint64_t(checked_simple(types.back()));
+            }
+            if (!may_list(fields)) {
+                pos_ += array_bytes(1, esize, "a struct tag");
+                return std::monostate{};
+            }
             return struct_value(types);
         }
         if (type != 20) src_.fail("the file is corrupt: unknown tag value type " + std::to_string(type) + ".");
@@ -263,7 +286,7 @@ private:
                 }
                 return s;
             }
-            if (count > kMaxListed) return std::monostate{};
+            if (!may_list(count)) return std::monostate{};
             TagGroupPtr list = TagGroupPtr::adopt(new TagGroup(true));
             for (std::uint64_t i = 0; i < count; ++i) list->tags.push_back({"", simple(element, p + i * esize)});
             return list;
@@ -287,7 +310,7 @@ private:
                 pos_ += bytes;
                 return std::monostate{};
             }
-            if (count > kMaxListed || esize == 0) {
+            if (esize == 0 || !may_list(count * types.size())) {
                 pos_ += bytes;
                 return std::monostate{};
             }

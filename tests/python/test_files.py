@@ -420,3 +420,15 @@ def test_module_library_open_image_hands_on_the_hosts_image(host, tmp_path):
         host.library_call("KIXOpenImage", str(tmp_path / "none.tif"))
     assert e.value.context == "OpenImageDM"
     assert str(e.value) == f'OpenImage: "{tmp_path / "none.tif"}": no such file.'
+
+
+def test_dm_long_arrays_stay_out_of_the_tags(host, tmp_path):
+    # Arrays become tag lists up to 65536 values; longer ones are left out (None),
+    # so that a file cannot make its tag tree many times its own size.
+    p = str(tmp_path / "arrays.dm4")
+    dmfile.write(p, np.zeros((2, 2), np.float32), tags={
+        "Long": dmfile.Array(10, np.zeros(70000, np.uint8)),
+        "Short": dmfile.Array(3, np.array([-1, 2, 3], np.int32)),
+        "Octets": dmfile.Array(10, np.array([0, 255], np.uint8)),
+        "Text": "Åbc"})
+    assert host.open(p).tags == {"Long": None, "Short": [-1, 2, 3], "Octets": [0, 255], "Text": "Åbc"}
