@@ -112,6 +112,38 @@ double number(const std::string& s, double fallback) {
     return end != s.c_str() && std::isfinite(v) ? v : fallback;
 }
 
+// Uncompressed strips of one sample a pixel are read straight from the file
+// into the image (byte-swapped when the file's order is not this machine's),
+// without libtiff's buffers; false when the page is not of that kind.
+bool read_page_direct(TIFF* t, const Source& src, const PageType& p, std::byte* out, std::size_t pixel_bytes) {
+    std::uint16_t compression = COMPRESSION_NONE, fill = FILLORDER_MSB2LSB;
+    TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
+    TIFFGetFieldDefaulted(t, TIFFTAG_FILLORDER, &fill);
+    if (compression != COMPRESSION_NONE || p.samples != 1 || TIFFIsTiled(t) || fill != FILLORDER_MSB2LSB)
+        return false;
+    std::uint32_t rows_per_strip = 0;
+    TIFFGetFieldDefaulted(t, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
+    if (rows_per_strip == 0 || rows_per_strip > p.height) rows_per_strip = p.height;
+    const std::uint64_t* offsets = nullptr;
+    const std::uint64_t* counts = nullptr;
+    if (!TIFFGetField(t, TIFFTAG_STRIPOFFSETS, &offsets) || !TIFFGetField(t, TIFFTAG_STRIPBYTECOUNTS, &counts) ||
+        !offsets || !counts)
+        return false;
+    const std::uint64_t row = std::uint64_t(p.width) * pixel_bytes;
+    const tstrip_t strips = TIFFNumberOfStrips(t);
+    for (tstrip_t s = 0; s < strips; ++s) {
+        const std::uint64_t y0 = std::uint64_t(s) * rows_per_strip;
+        if (y0 >= p.height) break;
+        const std::uint64_t bytes = std::min<std::uint64_t>(rows_per_strip, p.height - y0) * row;
+        if (counts[s] < bytes) return false;  // a short strip: libtiff's own path reports it
+        if (TIFFIsByteSwapped(t))
+            src.read_swapped(offsets[s], out + y0 * row, bytes, pixel_bytes, "a strip of pixels");
+        else
+            src.read_into(offsets[s], out + y0 * row, bytes, "a strip of pixels");
+    }
+    return true;
+}
+
 // Reads one page into `out` (rows of width * bytes).
 void read_page(TIFF* t, const std::string& path, const PageType& p, std::byte* out, std::size_t pixel_bytes) {
     const std::size_t row = std::size_t(p.width) * (p.samples == 1 ? pixel_bytes : p.samples);
@@ -211,7 +243,8 @@ ImagePtr open_tiff(const std::string& path) {
     const std::size_t page_bytes = std::size_t(first.width) * first.height * pixel_bytes;
     for (std::uint64_t k = 0; k < pages; ++k) {
         if (!TIFFSetDirectory(f.t, tdir_t(k))) tiff_fail(path, "cannot read page " + std::to_string(k));
-        read_page(f.t, path, first, img->data() + k * page_bytes, pixel_bytes);
+        std::byte* page = img->data() + k * page_bytes;
+        if (!read_page_direct(f.t, src, first, page, pixel_bytes)) read_page(f.t, path, first, page, pixel_bytes);
     }
 
     // Calibration and a few descriptive tags, from the first page.

@@ -398,6 +398,13 @@ def test_tiff_resolution_rgb_and_errors(host, tmp_path, rng):
     tifffile.imwrite(p, rgb, photometric="rgb")
     v = host.open(p).numpy()
     assert np.array_equal((v >> 16) & 0xFF, rgb[..., 0]) and np.array_equal(v & 0xFF, rgb[..., 2])
+    # Big-endian files, uncompressed (read straight from the file) and compressed (through libtiff).
+    for dtype in (np.int16, np.uint32, np.float32, np.float64):
+        b = rng.integers(-1000, 1000, (3, 5, 6)).astype(dtype)
+        tifffile.imwrite(p, b, byteorder=">", photometric="minisblack", rowsperstrip=2)
+        assert np.array_equal(host.open(p).numpy(), b)
+        tifffile.imwrite(p, b, byteorder=">", photometric="minisblack", compression="zlib")
+        assert np.array_equal(host.open(p).numpy(), b)
     tifffile.imwrite(p, np.zeros((4, 4), np.complex64))
     assert "unsupported pixel type" in opened_error(host, p)
     tifffile.imwrite(p, np.zeros((64, 64), np.float32))
