@@ -162,6 +162,13 @@ def test_dm_bad_headers_give_clear_errors(host, tmp_path):
     assert "no such file" in opened_error(host, p)
     p.write_bytes(b"\0\0\0\x05" + bytes(60))
     assert "unknown file format" in opened_error(host, p)
+    assert "not a regular file" in opened_error(host, tmp_path)
+    with pytest.raises(kix.FileError, match=r'"[^"]*/no/dir/a\.npy": cannot write the file: No such file'):
+        host.image(a).save(str(tmp_path / "no" / "dir" / "a.npy"))
+    # A refused save writes nothing.
+    with pytest.raises(kix.FileError):
+        host.image(np.zeros(2, np.complex64)).save(str(tmp_path / "keep.tif"))
+    assert not (tmp_path / "keep.tif").exists() and not list(tmp_path.glob("*.kix-partial"))
 
 
 # ---------------------------------------------------------------- fuzzing
