@@ -154,6 +154,7 @@ private:
         if (depth > kMaxDepth) src_.fail("the file is corrupt: tag groups nested more than 100 deep.");
         for (std::uint64_t i = 0; i < count; ++i) {
             if (++tags_ > kMaxTags) src_.fail("the file is corrupt: more than 4194304 tags.");
+            const std::uint64_t start = pos_;
             const std::uint8_t kind = byte("a tag");
             const std::uint16_t length = load<std::uint16_t>(take(2, "a tag label"), false);
             std::string label = text_of(take(length, "a tag label"), length);
@@ -169,7 +170,7 @@ private:
                 group.tags.push_back({std::move(label), std::move(v)});
             } else {
                 src_.fail("the file is corrupt: a tag of unknown kind " + std::to_string(kind) + " at byte " +
-                          std::to_string(pos_ - 3 - length) + ".");
+                          std::to_string(start) + ".");
             }
         }
         // A group whose tags have no labels is a list.
