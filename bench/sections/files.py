@@ -98,6 +98,8 @@ def cases(ctx):
     out.append(ctx.case(f"save TIFF {n}x{n} Real 4", kix=lambda: img.save(os.path.join(tmp, "s.tif")),
                         peers={"tifffile.imwrite": lambda: tifffile.imwrite(os.path.join(tmp, "n.tif"), a)},
                         bytes=2 * nbytes))
+    # The files just written would otherwise be written back to disk while the first cases run.
+    os.sync()
     return out
 
 

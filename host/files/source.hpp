@@ -28,11 +28,11 @@ public:
 
     // Throws "truncated" unless [offset, offset + n) lies in the file.
     void need(std::uint64_t offset, std::uint64_t n, const char* what) const;
-    // Copies n bytes at offset into dst with one read of the file.
+    // Copies n bytes at offset into dst: one read of the file, or a copy from
+    // its mapping when dst and offset are differently aligned.
     void read_into(std::uint64_t offset, void* dst, std::uint64_t n, const char* what) const;
-    // The same, swapping the byte order of each value of `width` bytes: the
-    // bytes are swapped a piece at a time right after it is read, while they
-    // are still in the cache.
+    // The same, swapping the byte order of each value of `width` bytes in the
+    // same pass.
     void read_swapped(std::uint64_t offset, void* dst, std::uint64_t n, std::size_t width, const char* what) const;
     [[noreturn]] void fail(const std::string& what) const { files::fail(path_, what); }
 
