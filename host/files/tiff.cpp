@@ -131,16 +131,32 @@ bool read_page_direct(TIFF* t, const Source& src, const PageType& p, std::byte* 
         return false;
     const std::uint64_t row = std::uint64_t(p.width) * pixel_bytes;
     const tstrip_t strips = TIFFNumberOfStrips(t);
+    for (tstrip_t s = 0; s < strips; ++s)
+        if (std::uint64_t(s) * rows_per_strip < p.height &&
+            counts[s] < std::min<std::uint64_t>(rows_per_strip, p.height - std::uint64_t(s) * rows_per_strip) * row)
+            return false;  // a short strip: libtiff's own path reports it
+    // Strips that follow each other in the file are read as one.
+    std::uint64_t run_offset = 0, run_bytes = 0, run_y = 0;
+    auto flush = [&] {
+        if (run_bytes == 0) return;
+        if (TIFFIsByteSwapped(t))
+            src.read_swapped(run_offset, out + run_y * row, run_bytes, pixel_bytes, "a strip of pixels");
+        else
+            src.read_into(run_offset, out + run_y * row, run_bytes, "a strip of pixels");
+        run_bytes = 0;
+    };
     for (tstrip_t s = 0; s < strips; ++s) {
         const std::uint64_t y0 = std::uint64_t(s) * rows_per_strip;
         if (y0 >= p.height) break;
         const std::uint64_t bytes = std::min<std::uint64_t>(rows_per_strip, p.height - y0) * row;
-        if (counts[s] < bytes) return false;  // a short strip: libtiff's own path reports it
-        if (TIFFIsByteSwapped(t))
-            src.read_swapped(offsets[s], out + y0 * row, bytes, pixel_bytes, "a strip of pixels");
-        else
-            src.read_into(offsets[s], out + y0 * row, bytes, "a strip of pixels");
+        if (run_bytes == 0 || offsets[s] != run_offset + run_bytes) {
+            flush();
+            run_offset = offsets[s];
+            run_y = y0;
+        }
+        run_bytes += bytes;
     }
+    flush();
     return true;
 }
 
