@@ -181,10 +181,12 @@ void save_npy(const Image& image, const std::string& path) {
     prefix += char(header.size() >> 8);
 
     const ImagePtr dense = image.contiguous() ? ImagePtr::share(const_cast<Image*>(&image)) : detail::clone_image(image);
+    const std::size_t data_bytes = std::size_t(dense->count()) * std::size_t(element_bytes(dense->data_type));
     Output out(path);
+    out.reserve(prefix.size() + header.size() + data_bytes);
     out.write(prefix.data(), prefix.size());
     out.write(header.data(), header.size());
-    out.write(dense->data(), std::size_t(dense->count()) * std::size_t(element_bytes(dense->data_type)));
+    out.write(dense->data(), data_bytes);
     out.commit();
 }
 

@@ -272,6 +272,10 @@ void Output::write(const void* data, std::size_t n) {
     }
 }
 
+void Output::reserve(std::uint64_t n) {
+    if (n > 0) (void)::fallocate(fd_, FALLOC_FL_KEEP_SIZE, 0, off_t(n));
+}
+
 void Output::commit() {
     if (::close(fd_) != 0) {
         fd_ = -1;

@@ -83,6 +83,9 @@ public:
     explicit Output(std::string path);
     ~Output();  // removes the temporary unless commit() ran
     void write(const void* data, std::size_t n);
+    // Reserves the file's blocks before a large write (a hint: the file
+    // system then need not find them while the pages are copied in).
+    void reserve(std::uint64_t n);
     void commit();
     const std::string& temporary() const { return tmp_; }
 

@@ -347,6 +347,7 @@ void save_tiff(const Image& image, const std::string& path) {
     TiffFile f;
     f.t = TIFFOpen(out.temporary().c_str(), big ? "w8" : "w");
     if (!f.t) tiff_fail(path, "cannot write the file");
+    out.reserve(std::uint64_t(dense->count()) * pixel + description.size() + 4096 * pages);  // after libtiff's truncation
     const std::size_t page_bytes = std::size_t(width) * height * pixel;
     for (std::uint64_t k = 0; k < pages; ++k) {
         TIFFSetField(f.t, TIFFTAG_IMAGEWIDTH, width);
