@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """A guided tour of kix: load the module into the reference host, list what it
-offers, and run it on real microscope data (DM3/DM4 files written by the host,
-as shipped with Debian's python3-hyperspy) and on a synthetic frame stack.
+offers, open real microscope data with the host (DM3/DM4 files written by the
+host, as shipped with Debian's python3-hyperspy) and run kix on it with its
+calibration, and on a synthetic frame stack.
 
 Run from the repository with `make demo`, or:
     PYTHONPATH=build/python /usr/bin/python3 examples/tour.py --out build/tour
@@ -22,20 +23,26 @@ def step(title):
     print(f"\n== {title}")
 
 
-def load_dm(relative):
-    """Pixels and calibration of a DM3/DM4 file, or None when hyperspy is missing."""
+def open_dm(h, relative):
+    """A DM3/DM4 file opened by the host, with its calibration and tags, or None when it is missing."""
     path = os.path.join(HYPERSPY_IO, relative)
-    try:
-        import logging
-        logging.getLogger("hyperspy").setLevel(logging.ERROR)
-        import hyperspy.api as hs
-    except ImportError:
-        return None
     if not os.path.exists(path):
         return None
-    s = hs.load(path)
-    axes = [(a.name, a.scale, a.units) for a in s.axes_manager._axes]
-    return np.asarray(s.data), axes, path
+    img = h.open(path)
+    print(f"h.open({os.path.basename(path)!r}): {img.name!r}, shape {img.shape}, {img.numpy().dtype}")
+    for name, axis in zip("zyx"[-img.ndim:] if img.ndim <= 3 else range(img.ndim), img.calibration):
+        print(f"    {name}: {axis.scale:.6g} {axis.units or 'px'} per pixel, origin {axis.origin:g} px")
+    ic = img.intensity_calibration
+    print(f"    values: scale {ic['scale']:g}, origin {ic['origin']:g}, units {ic['units']!r};"
+          f" top-level tags {sorted(img.tags)[:5]}")
+    return img
+
+
+def extent(img):
+    """imshow's extent of a 2-D image in calibrated units (pixel edges), and the axis labels."""
+    y, x = img.calibration
+    xs, ys = x.values(img.shape[1] + 1) - 0.5 * x.scale, y.values(img.shape[0] + 1) - 0.5 * y.scale
+    return [xs[0], xs[-1], ys[-1], ys[0]], f"x ({x.units or 'px'})", f"y ({y.units or 'px'})"
 
 
 def step_tie(h, out):
@@ -119,17 +126,13 @@ def main():
 
     figures = []
 
-    step("A diffraction pattern recorded by the host (DM3)")
-    dm = load_dm("dm3_2D_data/test_diffraction_pattern.dm3")
-    if dm is None:
-        print("(python3-hyperspy not installed: using a synthetic pattern)")
+    step("A diffraction pattern recorded by the host (DM3), opened by the host")
+    img = open_dm(h, "dm3_2D_data/test_diffraction_pattern.dm3")
+    if img is None:
+        print("(HyperSpy's test files are not installed: using a synthetic pattern)")
         yy, xx = np.mgrid[-64:64, -64:64]
-        pattern = (1e4 * np.exp(-(xx**2 + yy**2) / 50.0) + 10).astype(np.int32)
-        axes, path = [("y", 1, "px"), ("x", 1, "px")], "synthetic"
-    else:
-        pattern, axes, path = dm
-    print(f"{os.path.basename(path)}: {pattern.shape} {pattern.dtype}, axes {axes}")
-    img = h.image(pattern, name="diffraction")
+        img = h.image((1e4 * np.exp(-(xx**2 + yy**2) / 50.0) + 10).astype(np.int32), name="diffraction")
+    pattern = img.numpy()
     mn, mx, total, sq, sabs = h.call("KIXSurvey", img, 0.0, 0.0, 0.0, 0.0, 0.0)
     n = pattern.size
     print(f"KIXSurvey: min {mn:g}, max {mx:g}, mean {total / n:.4g},"
@@ -137,20 +140,32 @@ def main():
     print(f"numpy    : min {pattern.min():g}, max {pattern.max():g}, mean {pattern.mean():.4g},"
           f" std {pattern.std():.4g}")
     r = h.call("KIXMinMax", img, 0, 0, 0, 0.0, 0, 0, 0, 0.0)
-    print(f"KIXMinMax: minimum {r[3]:g} at ({r[0]}, {r[1]}), maximum {r[7]:g} at ({r[4]}, {r[5]})")
+    cy, cx = img.calibration
+    where = f"({cx.values(r[4] + 1)[-1]:.4g} {cx.units}, {cy.values(r[5] + 1)[-1]:.4g} {cy.units})"
+    print(f"KIXMinMax: minimum {r[3]:g} at ({r[0]}, {r[1]}), maximum {r[7]:g} at ({r[4]}, {r[5]}) = {where}")
     # An integer image without destination gives a new Real 4 image.
     log_img = h.call("KIXLog1p", img, None)
     print(f"KIXLog1p of the Integer 4 pattern -> {log_img.name!r}, type code {log_img.data_type}")
-    fig, ax = plt.subplots(1, 2, figsize=(9, 4))
-    ax[0].imshow(pattern, cmap="gray")
-    ax[0].set_title("pattern (linear)")
-    ax[1].imshow(log_img.numpy(), cmap="inferno")
-    ax[1].set_title("KIXLog1p")
-    ax[1].plot([r[4]], [r[5]], "c+", ms=14)
+    ext, xlabel, ylabel = extent(img)
+    fig, ax = plt.subplots(1, 2, figsize=(10, 4))
+    units = img.intensity_calibration["units"] or "counts"
+    for a, (im, title, cmap, label) in zip(ax, [(pattern, "pattern (linear)", "gray", units),
+                                                (log_img.numpy(), "KIXLog1p", "inferno", f"log(1 + {units})")]):
+        shown = a.imshow(im, cmap=cmap, extent=ext)
+        a.set_title(title)
+        a.set_xlabel(xlabel)
+        a.set_ylabel(ylabel)
+        fig.colorbar(shown, ax=a, label=label)
+    ax[1].plot([cx.values(r[4] + 1)[-1]], [cy.values(r[5] + 1)[-1]], "c+", ms=14)
     fig.tight_layout()
     figures.append(os.path.join(args.out, "diffraction.png"))
     fig.savefig(figures[-1], dpi=90)
     plt.close(fig)
+    saved = os.path.join(args.out, "diffraction.tif")
+    img.save(saved)
+    back = h.open(saved)
+    print(f"img.save({os.path.basename(saved)!r}) and h.open again: same pixels "
+          f"{np.array_equal(back.numpy(), pattern)}, calibration {back.calibration[-1]}")
 
     step("Its centred power spectrum (KIXFFT), and a sub-pixel shift found again")
     # FFT centres the zero frequency by sign alternation, which wants even sizes.
@@ -194,11 +209,23 @@ def main():
     plt.close(fig)
 
     step("An EELS spectrum (DM3): order statistics")
-    dm = load_dm("dm3_1D_data/test-EELS_spectrum.dm3")
-    spectrum = dm[0] if dm is not None else np.random.default_rng(1).gamma(2, 50, 2048).astype(np.float32)
-    sp = h.image(spectrum.astype(np.float32), name="EELS")
-    med = h.library_call("KIXMedian", sp)
+    sp = open_dm(h, "dm3_1D_data/test-EELS_spectrum.dm3")
+    if sp is None:
+        sp = h.image(np.random.default_rng(1).gamma(2, 50, 2048).astype(np.float32), name="EELS")
+    spectrum = sp.numpy().astype(np.float32)
+    med = h.library_call("KIXMedian", h.image(spectrum, name="EELS"))
     print(f"KIXMedian {med:g}   numpy.median {np.median(spectrum):g}")
+    (energy,) = sp.calibration
+    fig, ax = plt.subplots(figsize=(8, 3.5))
+    ax.plot(energy.values(spectrum.size), spectrum, lw=0.8)
+    ax.axhline(med, color="c", ls="--", label=f"KIXMedian {med:.4g}")
+    ax.set_xlabel(f"energy loss ({energy.units or 'px'})")
+    ax.set_ylabel(sp.intensity_calibration["units"] or "counts")
+    ax.legend()
+    fig.tight_layout()
+    figures.append(os.path.join(args.out, "eels.png"))
+    fig.savefig(figures[-1], dpi=90)
+    plt.close(fig)
 
     step("A stack of 16 noisy frames with cosmic-ray hits: median along z")
     rng = np.random.default_rng(7)
@@ -220,11 +247,14 @@ def main():
           f" the median by {np.abs(dst.numpy() - truth).max():.0f}")
     half = h.call("KIXReduce", dst)
     print(f"KIXReduce: {dst.shape} -> {half.shape}")
-    fig, ax = plt.subplots(1, 3, figsize=(12, 4))
+    fig, ax = plt.subplots(1, 3, figsize=(13, 4))
     for a, (im, title) in zip(ax, [(stack[0], "one frame"), (stack.mean(0), "mean"),
                                    (dst.numpy(), "KIXMedianZ")]):
-        a.imshow(im, cmap="gray", vmin=0, vmax=110)
+        shown = a.imshow(im, cmap="gray", vmin=0, vmax=110)
         a.set_title(title)
+        a.set_xlabel("x (px)")
+        a.set_ylabel("y (px)")
+        fig.colorbar(shown, ax=a, label="counts")
     fig.tight_layout()
     figures.append(os.path.join(args.out, "median_stack.png"))
     fig.savefig(figures[-1], dpi=90)

@@ -97,6 +97,7 @@ public:
     std::size_t offset = 0;             // byte offset of pixel (0, 0, ...) in buffer
     std::string name;
     std::vector<Calibration> calibrations;  // one per dimension
+    Calibration intensity;                  // of the pixel values (origin, scale, units)
     Ref<TagGroup> tags;
     bool is_subarea = false;
     std::atomic<std::int64_t> data_changed{0};  // calls of ImageDataChanged on this image

@@ -9,14 +9,13 @@
 //
 // The output-window and custom-tool functions belong to one host each and are
 // made in host.cpp.
-#include <sys/stat.h>
-
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "host/detail.hpp"
+#include "host/files/files.hpp"
 
 namespace kixhost {
 namespace {
@@ -121,12 +120,15 @@ Tok NewImage(Tok n, std::uint32_t type, std::uint32_t ndim, ...) {
 
 Tok ImageClone(Tok i) { return give(clone_image(image_arg(i, "ImageClone"))); }
 
-// Reading image files is not part of this host yet.
+// Any file the host reads (DM3/DM4, TIFF, MRC, .npy), chosen by its content;
+// the image carries the file's calibration and tags.
 Tok OpenImage(Tok path) {
     const std::string p = text_arg(path, "OpenImage");
-    struct stat st {};
-    if (stat(p.c_str(), &st) != 0) throw std::runtime_error("OpenImage: the file \"" + p + "\" does not exist.");
-    throw std::runtime_error("OpenImage: the reference host cannot read image files (\"" + p + "\").");
+    try {
+        return give(files::open_image(p));
+    } catch (const files::FileError& e) {
+        throw std::runtime_error(std::string("OpenImage: ") + e.what());
+    }
 }
 
 // ------------------------------------------------------------ conversion

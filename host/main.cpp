@@ -9,6 +9,8 @@
 //                          complex number, img:TYPE:WxH[xD...] for a new image
 //                          (pixel value = its index), s:TEXT or any other text
 //                          for a string
+//     open FILE            open an image file (DM3/DM4, TIFF, MRC, .npy): its
+//                          shape, type, calibration and top-level tags
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +21,7 @@
 #include <string>
 
 #include "host/detail.hpp"
+#include "host/files/files.hpp"
 #include "host/host.hpp"
 
 namespace {
@@ -33,7 +36,8 @@ int usage(const char* msg = nullptr) {
                  "  library              the library-only signatures\n"
                  "  version              the module's version texts\n"
                  "  call NAME [ARG...]   call a script function (ARG: 12, 1.5, true, null, (1,2),\n"
-                 "                       img:TYPE:WxH for a new image, s:TEXT or TEXT for a string)\n");
+                 "                       img:TYPE:WxH for a new image, s:TEXT or TEXT for a string)\n"
+                 "  open FILE            open an image file: shape, type, calibration, top-level tags\n");
     return 2;
 }
 
@@ -143,6 +147,41 @@ void print_image(const Image& img) {
     std::cout << (img.count() > n ? " ...\n" : "\n");
 }
 
+// What `open` shows: the image, each dimension's calibration, the intensity
+// calibration and the first level of the tag group.
+void print_opened(const Image& img) {
+    print_image(img);
+    static const char* axis[] = {"x", "y", "z", "4", "5"};
+    for (std::size_t d = 0; d < img.dims.size(); ++d) {
+        const Calibration& c = d < img.calibrations.size() ? img.calibrations[d] : Calibration{};
+        std::cout << "  " << axis[d] << ": " << img.dims[d] << " pixels, origin " << c.origin << ", scale "
+                  << c.scale << ", units \"" << c.units << "\"\n";
+    }
+    std::cout << "  intensity: origin " << img.intensity.origin << ", scale " << img.intensity.scale
+              << ", units \"" << img.intensity.units << "\"\n";
+    if (!img.tags || img.tags->tags.empty()) {
+        std::cout << "  no tags\n";
+        return;
+    }
+    std::cout << "  tags:\n";
+    TagGroup top(img.tags->is_list);
+    for (const TagGroup::Tag& t : img.tags->tags)
+        if (!std::holds_alternative<TagGroupPtr>(t.value)) top.tags.push_back(t);
+    print_tags(top, 4);
+    // Groups by name and size only.
+    for (std::size_t k = 0; k < img.tags->tags.size(); ++k) {
+        const TagGroup::Tag& t = img.tags->tags[k];
+        if (const auto* g = std::get_if<TagGroupPtr>(&t.value); g && *g) {
+            std::cout << "    ";
+            if (img.tags->is_list)
+                std::cout << '[' << k << ']';
+            else
+                std::cout << t.label;
+            std::cout << ": group of " << (*g)->tags.size() << " tags\n";
+        }
+    }
+}
+
 void print_value(const Value& v) {
     std::visit(
         [](const auto& x) {
@@ -202,6 +241,19 @@ int main(int argc, char** argv) {
     }
     if (i >= argc) return usage("no command");
     const std::string command = argv[i++];
+    if (command == "open") {
+        // Reading a file needs no module.
+        if (i + 1 != argc) return usage("open takes one file name");
+        try {
+            const ImagePtr img = files::open_image(argv[i]);
+            print_opened(*img);
+            std::cout.flush();
+            return 0;
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "kixhost: %s\n", e.what());
+            return 1;
+        }
+    }
     if (command != "list" && command != "library" && command != "version" && command != "call")
         return usage(("unknown command " + command).c_str());
     try {

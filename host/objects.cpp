@@ -467,6 +467,7 @@ ImagePtr clone_image(const Image& src) {
         std::memcpy(img->data(), gather(src).data(), bytes);
     img->calibrations = src.calibrations;
     img->calibrations.resize(img->dims.size());
+    img->intensity = src.intensity;
     if (src.tags) img->tags = clone_tags(*src.tags);
     return img;
 }

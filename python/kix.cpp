@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/files/files.hpp"
 #include "host/host.hpp"
 
 namespace py = pybind11;
@@ -278,6 +279,19 @@ PYBIND11_MODULE(_kix, m) {
         }
     });
 
+    // kix.FileError: a file that cannot be read or written (an OSError; the message names the file).
+    static PyObject* file_error = PyErr_NewExceptionWithDoc(
+        "kix.FileError", "An image file could not be read or written; the message names the file.",
+        PyExc_OSError, nullptr);
+    m.add_object("FileError", py::handle(file_error));
+    py::register_exception_translator([](std::exception_ptr p) {
+        try {
+            if (p) std::rethrow_exception(p);
+        } catch (const kixhost::files::FileError& e) {
+            PyErr_SetObject(file_error, pystr(e.what()).ptr());
+        }
+    });
+
     py::class_<kixhost::ReportedError>(m, "ReportedError")
         .def_readonly("kind", &kixhost::ReportedError::kind)
         .def_readonly("code", &kixhost::ReportedError::code)
@@ -325,6 +339,16 @@ PYBIND11_MODULE(_kix, m) {
                 cal[axis_index(*i.image, axis)] = {origin, scale, units, displayed};
             }, py::arg("axis"), py::arg("origin") = 0.0f, py::arg("scale") = 1.0f, py::arg("units") = "",
             py::arg("displayed_calibrated") = true, "Calibrate one axis (numbered as in shape).")
+        .def_property_readonly("intensity_calibration", [](const PyImage& i) { return calibration(i.image->intensity); },
+            "Calibration of the pixel values: origin, scale, units.")
+        .def("set_intensity_calibration", [](PyImage& i, float origin, float scale, const std::string& units) {
+                i.image->intensity = {origin, scale, units, true};
+            }, py::arg("origin") = 0.0f, py::arg("scale") = 1.0f, py::arg("units") = "")
+        .def("save", [](const PyImage& i, const std::string& path) {
+                py::gil_scoped_release unlocked;
+                kixhost::files::save_image(*i.image, path);
+            }, py::arg("path"),
+            "Write the image: .tif/.tiff (integer and real pixels, with the calibration) or .npy (every type).")
         .def("__repr__", [](const PyImage& i) {
             return py::str("<kix.Image {!r} type {} shape {}>")
                 .format(pystr(i.image->name), i.image->data_type, py::tuple(py::cast(reversed(i.image->dims))));
@@ -364,5 +388,26 @@ PYBIND11_MODULE(_kix, m) {
                  return wrap(host_of(self).subarea(parent.image, reversed(origin), reversed(shape)), self);
              }, py::arg("image"), py::arg("origin"), py::arg("shape"),
              "An image sharing the parent's pixels from origin on (both in the order of shape).")
+        .def("open", [](py::object self, const std::string& path) {
+                 ImagePtr img;
+                 {
+                     py::gil_scoped_release unlocked;
+                     img = kixhost::files::open_image(path);
+                 }
+                 return wrap(std::move(img), self);
+             }, py::arg("path"),
+             "Open a DM3/DM4, TIFF, MRC or .npy file (chosen by content) as a host image with its calibration and tags.")
+        .def("open_raw", [](py::object self, const std::string& path, const std::vector<std::int64_t>& shape,
+                            int data_type, std::uint64_t offset, bool big_endian) {
+                 kixhost::files::RawLayout layout{reversed(shape), data_type, offset, big_endian};
+                 ImagePtr img;
+                 {
+                     py::gil_scoped_release unlocked;
+                     img = kixhost::files::open_raw(path, layout);
+                 }
+                 return wrap(std::move(img), self);
+             }, py::arg("path"), py::arg("shape"), py::arg("data_type"), py::kw_only(), py::arg("offset") = 0,
+             py::arg("big_endian") = false,
+             "Open headerless pixels: shape in numpy order, a host pixel-type code, the offset of the first pixel.")
         .def("shutdown", [](py::object self) { host_of(self).shutdown(); });
 }

@@ -8,20 +8,44 @@
     v, x, y, z = h.call("KIXMax", a, 0, 0, 0)        # by-reference values come back
 
 Shapes follow numpy: (W,), (H, W), (D, H, W), (T, D, H, W); x is the last axis.
+Files: h.open(path) reads DM3/DM4, TIFF, MRC and .npy files with their
+calibration (img.calibration, per axis (origin, scale, units) with calibrated
+value = (index - origin) * scale) and tags (img.tags); img.save(path) writes
+.tif/.tiff or .npy.
+
 Pixel types: 1 int16, 2 float32, 3 complex64, 6 uint8, 7 int32, 9 int8,
 10 uint16, 11 uint32, 12 float64, 13 complex128, 14 bool.
 """
 import os as _os
+from collections import namedtuple as _namedtuple
 
 import numpy as _np
 
-from ._kix import Image, Object, ReportedError, ScriptError, host_function_calls, pixel_types
+from ._kix import FileError, Image, Object, ReportedError, ScriptError, host_function_calls, pixel_types
 from ._kix import Host as _Host
 
-__all__ = ["Host", "Image", "Object", "ReportedError", "ScriptError", "DTYPES", "module_path", "host_function_calls"]
+__all__ = ["Axis", "FileError", "Host", "Image", "Object", "ReportedError", "ScriptError", "DTYPES", "module_path", "host_function_calls"]
 
 #: numpy dtype of each host pixel-type code that has one (the module's own table).
 DTYPES = {code: _np.dtype(dtype).type for code, dtype in pixel_types().items()}
+
+
+class Axis(_namedtuple("Axis", "origin scale units")):
+    """The calibration of one axis: calibrated value = (index - origin) * scale, in units."""
+
+    __slots__ = ()
+
+    def values(self, n):
+        """The calibrated values of indices 0 .. n-1."""
+        return (_np.arange(n) - self.origin) * self.scale
+
+
+def _calibration(self):
+    """Calibration of each axis, in the order of shape, as kix.Axis (origin, scale, units)."""
+    return tuple(Axis(c["origin"], c["scale"], c["units"]) for c in self.calibrations)
+
+
+Image.calibration = property(_calibration)
 
 
 def module_path():
