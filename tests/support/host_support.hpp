@@ -24,6 +24,29 @@ inline std::string script_error(const std::function<void()>& f, std::string* con
     return "<no error>";
 }
 
+// A fixture with one host per test suite and the host functions it answers,
+// looked up by prototype text as the module looks them up.
+class HostFunctions : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { host_ = new kixhost::Host(); }
+    static void TearDownTestSuite() {
+        delete host_;
+        host_ = nullptr;
+    }
+    template <class F>
+    static F fn(const char* prototype) {
+        void* p = host_->find_function(prototype);
+        EXPECT_NE(p, nullptr) << prototype;
+        return reinterpret_cast<F>(p);
+    }
+    // A new host string; the caller owns its reference.
+    static KixObject* new_string(const std::string& s) {
+        const KixHostCallbacks* c = host_->callbacks();
+        return c->string_new(c->host, s.data(), s.size());
+    }
+    inline static kixhost::Host* host_ = nullptr;
+};
+
 struct Counter {
     std::int32_t count;
     double ticks;
