@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/host.hpp"
+#include "sdk/kix_host_abi.h"
 
 namespace kixtest {
 
