@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "fourier_windows/kernels.hpp"
+#include "vorn/dm/data_type.hpp"
 
 namespace kix::windows {
 namespace {
@@ -12,15 +13,6 @@ constexpr float kPiF = 3.1415927f;
 constexpr double kPi = 3.14159265358979323846;
 // Below this many pixels the threads cost more than they save.
 constexpr std::int64_t kParallelPixels = std::int64_t(1) << 15;
-
-template <class T>
-struct real_of {
-    using type = T;
-};
-template <class R>
-struct real_of<std::complex<R>> {
-    using type = R;
-};
 
 }  // namespace
 
@@ -70,7 +62,7 @@ std::vector<R> axis_factors(Kind kind, std::int64_t n) {
 
 template <class T>
 void window(Kind kind, Strided<const T> src, T fA, T fB, T fC, Strided<T> dst) {
-    using R = typename real_of<T>::type;
+    using R = vorn::dm::real_t<T>;
     const Geometry& g = src.g;
     const std::vector<R> ax = axis_factors<R>(kind, g.nx), ay = axis_factors<R>(kind, g.ny),
                          az = axis_factors<R>(kind, g.nz);

@@ -9,6 +9,7 @@
 
 #include "geometry/kernels.hpp"
 #include "geometry/simd.hpp"
+#include "vorn/dm/data_type.hpp"
 
 namespace kix::geometry {
 namespace {
@@ -17,15 +18,7 @@ namespace {
 constexpr std::int64_t kParallelPixels = std::int64_t(1) << 15;
 
 template <class T>
-struct real_of {
-    using type = T;
-};
-template <class R>
-struct real_of<std::complex<R>> {
-    using type = R;
-};
-template <class T>
-using Real = typename real_of<T>::type;
+using Real = vorn::dm::real_t<T>;
 
 // Linear blend of two samples; the weights are single precision (1 - f is
 // formed in float) and multiply real and imaginary parts alike.

@@ -61,6 +61,18 @@ template <> inline constexpr int code_of<std::uint32_t> = kUInt32;
 template <> inline constexpr int code_of<double> = kReal8;
 template <> inline constexpr int code_of<std::complex<double>> = kComplex16;
 
+// The real type of a pixel type: T itself, or the part type of a complex one.
+template <class T>
+struct real_of {
+    using type = T;
+};
+template <class R>
+struct real_of<std::complex<R>> {
+    using type = R;
+};
+template <class T>
+using real_t = typename real_of<T>::type;
+
 template <class T>
 inline constexpr bool is_complex_v = false;
 template <class T>
