@@ -36,7 +36,7 @@ test-asan: deps
 # fuzz/corpus/; what it finds is written to $(FUZZ_BUILD)/ as crash-* files.
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
-FUZZERS := signature call files
+FUZZERS := signature call files token
 fuzz: build
 	CC=clang CXX=clang++ cmake -S fuzz -B $(FUZZ_BUILD)
 	cmake --build $(FUZZ_BUILD) -j$(JOBS)
