@@ -1,0 +1,160 @@
+"""The filter family as a script calls it, against naive references and scipy.
+
+numpy indexes [z, y, x]; an image's x is the last numpy axis.
+"""
+import numpy as np
+import pytest
+from scipy import ndimage
+
+import kix
+from conftest import random_array
+
+REAL = [np.float32, np.float64]
+AVERAGED = REAL + [np.complex64, np.complex128]
+STORED = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
+ids = lambda s: "x".join(map(str, s))
+name = lambda t: np.dtype(t).name
+
+
+def script_error(fn, *args):
+    with pytest.raises(kix.ScriptError) as e:
+        fn(*args)
+    return str(e.value), e.value.context
+
+
+def tol(dtype):
+    return 2e-5 if np.dtype(dtype) in (np.float32, np.complex64) else 1e-12
+
+
+# ------------------------------------------------------------ references
+def cut_box_sum(a, r, axis):
+    """Sum over positions i-r .. i+r cut to the axis, and the number summed."""
+    a = np.moveaxis(a.astype(np.complex128 if np.iscomplexobj(a) else np.float64), axis, -1)
+    n = a.shape[-1]
+    c = np.concatenate([np.zeros(a.shape[:-1] + (1,), a.dtype), np.cumsum(a, axis=-1)], axis=-1)
+    i = np.arange(n)
+    lo, hi = np.maximum(0, i - r), np.minimum(n - 1, i + r)
+    s = c[..., hi + 1] - c[..., lo]
+    return np.moveaxis(s, -1, axis), hi - lo + 1
+
+
+def average_line_pass(a, r, axis):
+    """The 1-D pass: sum * (1/W) * (W / count), count i+r+1 leading and n+r-i trailing."""
+    s, _ = cut_box_sum(a, r, axis)
+    n, W = a.shape[axis], 2 * r + 1
+    i = np.arange(n)
+    count = np.full(n, W, dtype=np.float64)
+    lead = i < min(n - r, r + 1)
+    trail = i >= max(0, n - r)
+    count[lead] = (i + r + 1)[lead]
+    count[trail] = (n + r - i)[trail]
+    shape = [1] * a.ndim
+    shape[axis] = n
+    return s / count.reshape(shape)
+
+
+def average_planes(a, r):
+    """Both in-plane axes: the cut box sum over the number of pixels summed."""
+    if a.ndim == 1:
+        s, cx = cut_box_sum(a, r, 0)
+        return s / cx
+    s, cy = cut_box_sum(a, r, a.ndim - 2)
+    s, cx = cut_box_sum(s, r, a.ndim - 1)
+    count = np.outer(cy, cx)
+    return s / count
+
+
+# --------------------------------------------------------- moving average
+def test_moving_average_golden(host):
+    a = np.array([1, 2, 3, 4, 5], np.float32)
+    want = [1.5, 2, 3, 4, 4.5]
+    np.testing.assert_array_equal(host.call("KIXMovingAverageDLL", host.image(a), 1, None).numpy(), want)
+    np.testing.assert_array_equal(host.library_call("KIXMovingAverage", host.image(a), 1, None).numpy(), want)
+    np.testing.assert_array_equal(host.library_call("KIXMovingAverageX", host.image(a), 1, None).numpy(), want)
+    img = host.image(a)  # in place: the 1-D passes
+    host.call("KIXMovingAverageDLL", img, 1, img)
+    np.testing.assert_array_equal(img.numpy(), want)
+    # A line shorter than the box: the middle of [1, 2, 4] with radius 2 is divided by n+r-i = 4.
+    b = host.library_call("KIXMovingAverageX", host.image(np.array([1, 2, 4], np.float64)), 2, None).numpy()
+    np.testing.assert_allclose(b, [7 / 3, 7 / 4, 7 / 3], rtol=1e-15)
+
+
+SHAPES = [(1,), (2,), (7,), (1, 9), (9, 1), (6, 5), (31, 64), (64, 127), (3, 5, 7), (4, 17, 33), (257, 300)]
+RADII = [0, 1, 2, 5, 40, 1000]
+
+
+@pytest.mark.parametrize("shape", SHAPES, ids=ids)
+@pytest.mark.parametrize("dtype", AVERAGED, ids=name)
+def test_moving_average_out_of_place_and_in_place(host, rng, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    for r in RADII:
+        src = host.image(a)
+        out = host.call("KIXMovingAverageDLL", src, r, host.image(np.zeros_like(a))).numpy()
+        want = average_planes(a, r)
+        if a.ndim == 3 and a.shape[0] > 1:
+            want = average_line_pass(want.astype(a.dtype), r, 0)
+        np.testing.assert_allclose(out, want, rtol=tol(dtype), atol=tol(dtype) * np.abs(a).max())
+        # In place: the 1-D passes along x, y and z, each rounded to the pixel type.
+        host.call("KIXMovingAverageDLL", src, r, src)
+        want = a
+        for axis in range(a.ndim - 1, -1, -1):
+            if a.shape[axis] > 1:
+                want = average_line_pass(want, r, axis).astype(a.dtype)
+        np.testing.assert_allclose(src.numpy(), want, rtol=4 * tol(dtype), atol=4 * tol(dtype) * np.abs(a).max())
+
+
+def test_moving_average_interior_matches_scipy(host, rng):
+    a = rng.standard_normal((200, 301))
+    r = 5
+    out = host.call("KIXMovingAverageDLL", host.image(a), r, None).numpy()
+    ref = ndimage.uniform_filter(a, 2 * r + 1, mode="constant")
+    np.testing.assert_allclose(out[r:-r, r:-r], ref[r:-r, r:-r], rtol=1e-10, atol=1e-12)
+
+
+@pytest.mark.parametrize("axis,fn", [(2, "KIXMovingAverageX"), (1, "KIXMovingAverageY"), (0, "KIXMovingAverageZ")])
+@pytest.mark.parametrize("dtype", REAL, ids=name)
+def test_moving_average_single_axis(host, rng, dtype, axis, fn):
+    a = random_array(rng, (5, 8, 13), dtype)
+    for r in [1, 3, 6, 20]:
+        out = host.library_call(fn, host.image(a), r, None).numpy()
+        np.testing.assert_allclose(out, average_line_pass(a, r, axis), rtol=tol(dtype), atol=tol(dtype) * 1e3)
+    # Radius 0 and one-pixel axes leave the destination alone.
+    dst = host.image(np.full_like(a, 7))
+    np.testing.assert_array_equal(host.library_call(fn, host.image(a), 0, dst).numpy(), 7)
+    flat = a[:1, :1, :1]
+    np.testing.assert_array_equal(host.library_call(fn, host.image(flat), 3, None).numpy(), flat)
+
+
+@pytest.mark.parametrize("dtype", AVERAGED, ids=name)
+def test_moving_average2_moments(host, rng, dtype):
+    a = random_array(rng, (3, 20, 33), dtype)
+    for r in [0, 2, 9]:
+        m, q = host.call("KIXMovingAverage2DLL", host.image(a), r, None, None)
+        assert m.numpy().dtype == a.dtype and q.numpy().dtype == a.dtype
+        # The square in the pixel's own arithmetic (the complex square for complex pixels).
+        np.testing.assert_allclose(m.numpy(), average_planes(a, r), rtol=tol(dtype), atol=tol(dtype) * 1e3)
+        np.testing.assert_allclose(q.numpy(), average_planes(a * a, r), rtol=tol(dtype), atol=tol(dtype) * 1e6)
+    c = np.full((9, 12), 3.5, dtype)
+    m, q = host.library_call("KIXMovingAverage2", host.image(c), 4, None, None)
+    np.testing.assert_allclose(m.numpy(), 3.5, rtol=1e-6)
+    np.testing.assert_allclose(q.numpy(), 12.25, rtol=1e-6)
+
+
+def test_moving_average_messages(host):
+    f = host.image(np.zeros((4, 5), np.float32))
+    assert script_error(host.call, "KIXMovingAverageDLL", f, 1, host.image(np.zeros((4, 6), np.float32))) == (
+        "Images of different size cannot appear in this function.", "MovingAverageDM")
+    assert script_error(host.call, "KIXMovingAverageDLL", host.image(np.zeros((4, 5), np.int16)), 1, None) == (
+        "Invalid data type.", "MovingAverageDM")
+    assert script_error(host.call, "KIXMovingAverageDLL", f, 1, host.image(np.zeros((4, 5), np.float64))) == (
+        "Invalid data type.", "MovingAverageDM")
+    assert script_error(host.call, "KIXMovingAverageDLL", f, -1, None) == (
+        "Parameters are invalid.", "MovingAverageDM")
+    assert script_error(host.call, "KIXMovingAverage2DLL", host.image(np.zeros(3, np.uint8)), 1, None, None) == (
+        "Invalid data type.", "MovingAverageDM2")
+    c = host.image(np.zeros((4, 5), np.complex64))
+    for fn, ctx in [("KIXMovingAverageX", "MovingAverageXDM"), ("KIXMovingAverageY", "MovingAverageYDM"),
+                    ("KIXMovingAverageZ", "MovingAverageZDM")]:
+        assert script_error(host.library_call, fn, c, 1, None) == ("Invalid data type.", ctx)
+        assert script_error(host.library_call, fn, f, 1, host.image(np.zeros(20, np.float32))) == (
+            "Images of different size cannot appear in this function.", ctx)
