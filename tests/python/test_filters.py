@@ -158,3 +158,110 @@ def test_moving_average_messages(host):
         assert script_error(host.library_call, fn, c, 1, None) == ("Invalid data type.", ctx)
         assert script_error(host.library_call, fn, f, 1, host.image(np.zeros(20, np.float32))) == (
             "Images of different size cannot appear in this function.", ctx)
+
+
+# ------------------------------------------------------------ rank filters
+def median_naive(a, r, zero_pad):
+    """Per pixel: the values of the square inside the image (plus its zeros when padding), their median."""
+    ny, nx = a.shape
+    out = np.empty_like(a)
+    m = (2 * r + 1) ** 2
+    for y in range(ny):
+        for x in range(nx):
+            v = a[max(0, y - r):y + r + 1, max(0, x - r):x + r + 1].ravel()
+            if zero_pad:
+                v = np.concatenate([v, np.zeros(m - v.size, a.dtype)])
+            v = np.sort(v)
+            k = v.size // 2
+            out[y, x] = v[k] if v.size % 2 else (v[k] + v[k - 1]) * a.dtype.type(0.5)
+    return out
+
+
+@pytest.fixture(params=[True, False], ids=["simd", "generic"])
+def simd(request, host):
+    host.call("KIXSetUseSIMD", int(request.param))
+    yield request.param
+    host.call("KIXSetUseSIMD", 1)
+
+
+@pytest.mark.parametrize("shape", [(1, 1), (1, 9), (9, 1), (2, 2), (6, 5), (13, 20), (24, 31)], ids=ids)
+@pytest.mark.parametrize("dtype", REAL, ids=name)
+def test_median_filter_against_naive(host, rng, simd, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    for r in [0, 1, 2, 3, 4, 7, 30]:
+        for pad in (0, 1):
+            out = host.library_call("KIXMedianFilter", host.image(a), r, None, pad).numpy()
+            np.testing.assert_array_equal(out, median_naive(a, r, pad), err_msg=f"r={r} pad={pad}")
+        # The three-argument forms: no padding.
+        out = host.call("KIXMedianFilterDLL", host.image(a), r, None).numpy()
+        np.testing.assert_array_equal(out, median_naive(a, r, False))
+
+
+@pytest.mark.parametrize("r", [1, 2, 3, 5, 7, 8])
+def test_median_filter_zero_padding_matches_scipy(host, rng, simd, r):
+    a = rng.standard_normal((70, 93)).astype(np.float32)
+    out = host.library_call("KIXMedianFilter", host.image(a), r, None, 1).numpy()
+    np.testing.assert_array_equal(out, ndimage.median_filter(a, 2 * r + 1, mode="constant", cval=0))
+
+
+def test_median_filter_corner_and_in_place(host):
+    a = np.array([[4, 1, 9], [2, 8, 3], [7, 5, 6]], np.float64) + 10
+    # The corner sees 2 x 2 values (14, 11, 12, 18): the mean of the middle two.
+    assert host.call("KIXMedianFilterDLL", host.image(a), 1, None).numpy()[0, 0] == 13
+    # With zero padding nine values, five of them 0: the median is 0.
+    assert host.library_call("KIXMedianFilter", host.image(a), 1, None, 1).numpy()[0, 0] == 0
+    img = host.image(a)
+    host.call("KIXMedianFilterDLL", img, 1, img)
+    np.testing.assert_array_equal(img.numpy(), median_naive(a, 1, False))
+
+
+def test_median_filter_messages(host):
+    f = host.image(np.zeros((4, 5), np.float32))
+    assert script_error(host.call, "KIXMedianFilterDLL", host.image(np.zeros((4, 5), np.int32)), 1, None) == (
+        "All data type should be Real.", "MedianFilterDM2")
+    assert script_error(host.call, "KIXMedianFilterDLL", f, 1, host.image(np.zeros((4, 5), np.complex64))) == (
+        "All data type should be Real.", "MedianFilterDM2")
+    assert script_error(host.call, "KIXMedianFilterDLL", f, 1, host.image(np.zeros((4, 5), np.float64))) == (
+        "Invalid data type.", "MedianFilterDM2")
+    assert script_error(host.call, "KIXMedianFilterDLL", f, 1, host.image(np.zeros((5, 5), np.float32))) == (
+        "Images of different size cannot appear in this function.", "MedianFilterDM2")
+    assert script_error(host.call, "KIXMedianFilterDLL", host.image(np.zeros((2, 4, 5), np.float32)), 1, None) == (
+        "Invalid image size.", "MedianFilterDM2")
+    assert script_error(host.call, "KIXMedianFilterDLL", f, -2, None) == ("Parameters are invalid.", "MedianFilterDM2")
+
+
+@pytest.mark.parametrize("shape", [(1, 1), (1, 17), (17, 1), (6, 5), (40, 63), (130, 257)], ids=ids)
+@pytest.mark.parametrize("dtype", STORED, ids=name)
+def test_maximum_minimum_against_scipy(host, rng, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    for r in [0, 1, 2, 3, 4, 9, 15, 300]:
+        size = 2 * min(r, 400) + 1
+        # The extreme over the in-image part of the square: edge replication changes nothing.
+        mx = host.call("KIXMaximumFilterDLL", host.image(a), r, None).numpy()
+        np.testing.assert_array_equal(mx, ndimage.maximum_filter(a, size, mode="nearest"), err_msg=f"r={r}")
+        mn = host.library_call("KIXMinimumFilter", host.image(a), r, None).numpy()
+        np.testing.assert_array_equal(mn, ndimage.minimum_filter(a, size, mode="nearest"), err_msg=f"r={r}")
+    np.testing.assert_array_equal(host.library_call("KIXMaximumFilter", host.image(a), 2, None).numpy(),
+                                  ndimage.maximum_filter(a, 5, mode="nearest"))
+
+
+def test_maximum_filter_neutral_value_never_wins(host):
+    a = np.full((7, 9), -1e30, np.float32)
+    np.testing.assert_array_equal(host.call("KIXMaximumFilterDLL", host.image(a), 3, None).numpy(), a)
+    b = np.full((7, 9), 1e300, np.float64)
+    np.testing.assert_array_equal(host.library_call("KIXMinimumFilter", host.image(b), 20, None).numpy(), b)
+    c = np.full((3, 4), -128, np.int8)
+    np.testing.assert_array_equal(host.call("KIXMaximumFilterDLL", host.image(c), 1, None).numpy(), c)
+
+
+def test_maximum_minimum_messages(host):
+    f = host.image(np.zeros((4, 5), np.float32))
+    for call, fn, ctx in [(host.call, "KIXMaximumFilterDLL", "MaximumFilterDM"),
+                          (host.library_call, "KIXMinimumFilter", "MinimumFilterDM")]:
+        assert script_error(call, fn, f, 1, host.image(np.zeros((4, 6), np.complex64))) == (
+            "Images of different size cannot appear in this function.", ctx)
+        assert script_error(call, fn, host.image(np.zeros((4, 5), np.complex64)), 1, None) == (
+            "Invalid image type.", ctx)
+        assert script_error(call, fn, f, 1, host.image(np.zeros((4, 5), np.int32))) == ("Invalid image type.", ctx)
+        assert script_error(call, fn, f, 1, f) == ("Output should be out-of-place.", ctx)
+        assert script_error(call, fn, f, -1, None) == ("Parameters are invalid.", ctx)
