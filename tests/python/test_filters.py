@@ -265,3 +265,92 @@ def test_maximum_minimum_messages(host):
         assert script_error(call, fn, f, 1, host.image(np.zeros((4, 5), np.int32))) == ("Invalid image type.", ctx)
         assert script_error(call, fn, f, 1, f) == ("Output should be out-of-place.", ctx)
         assert script_error(call, fn, f, -1, None) == ("Parameters are invalid.", ctx)
+
+
+# ----------------------------------------------------------- Gaussian blur
+def gaussian_naive(a, rad, order):
+    """Row pass then column pass, each the weighted mean of in-image samples, rounded to the pixel type."""
+    L = int(np.ceil(rad * order + 1.0))
+    g = np.array([1.0] + [np.exp(-k * k / ((rad + rad) * rad)) for k in range(1, L)])
+
+    def one_axis(b, axis):
+        b = np.moveaxis(b.astype(np.float64), axis, -1)
+        n = b.shape[-1]
+        s = g[0] * b
+        w = np.full(n, g[0])
+        for k in range(1, min(L, n)):
+            s[..., k:] += g[k] * b[..., :-k]
+            w[k:] += g[k]
+            s[..., :-k] += g[k] * b[..., k:]
+            w[:-k] += g[k]
+        return np.moveaxis(s / w, -1, axis).astype(a.dtype)
+
+    return one_axis(one_axis(a, 1), 0)
+
+
+@pytest.mark.parametrize("shape", [(1, 1), (1, 20), (20, 1), (6, 5), (33, 64), (100, 131)], ids=ids)
+@pytest.mark.parametrize("dtype", REAL, ids=name)
+def test_gaussian_blur_against_naive(host, rng, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    for rad, order in [(0, 3), (2.5, 0), (1, 3), (2, 3), (0.7, 2), (10, 3), (50, 4)]:
+        out = host.library_call("KIXGaussianBlur", host.image(a), rad, order, None).numpy()
+        np.testing.assert_allclose(out, gaussian_naive(a, rad, order), rtol=4 * tol(dtype),
+                                   atol=4 * tol(dtype) * np.abs(a).max(), err_msg=f"{rad} {order}")
+        if rad * order == 0:
+            np.testing.assert_array_equal(out, a)
+
+
+def test_gaussian_blur_weights_in_place_and_constant(host):
+    # fRad 1, nOrder 3: four weights 1, e^-0.5, e^-2, e^-4.5; a unit impulse shows them.
+    a = np.zeros((1, 31))
+    a[0, 15] = 1
+    out = host.library_call("KIXGaussianBlur", host.image(a), 1.0, 3, None).numpy()[0]
+    g = np.exp(-0.5 * np.arange(4) ** 2)
+    total = g[0] + 2 * g[1:].sum()
+    np.testing.assert_allclose(out[12:19], np.concatenate([g[:0:-1], g]) / total, rtol=1e-15)
+    assert np.all(out[:12] == 0) and np.all(out[19:] == 0)
+    c = np.full((17, 23), 2.5, np.float32)
+    img = host.image(c)
+    host.library_call("KIXGaussianBlur", img, 3.0, 3, img)  # in place
+    np.testing.assert_allclose(img.numpy(), 2.5, rtol=1e-6)
+    b = np.random.default_rng(1).standard_normal((40, 50))
+    img = host.image(b)
+    host.library_call("KIXGaussianBlur", img, 2.0, 3, img)
+    np.testing.assert_array_equal(img.numpy(), host.library_call("KIXGaussianBlur", host.image(b), 2.0, 3, None).numpy())
+
+
+def test_gaussian_blur_messages(host):
+    f = host.image(np.zeros((4, 5), np.float32))
+    err = lambda *args: script_error(host.library_call, "KIXGaussianBlur", *args)
+    assert err(f, 1.0, 3, host.image(np.zeros((4, 6), np.int8))) == (
+        "Images of different size cannot appear in this function.", "GaussianBlurDM")
+    assert err(host.image(np.zeros((4, 5), np.int16)), 1.0, 3, None) == ("All data type should be Real.", "GaussianBlurDM")
+    assert err(f, 1.0, 3, host.image(np.zeros((4, 5), np.complex64))) == ("All data type should be Real.", "GaussianBlurDM")
+    assert err(f, -1.0, 3, None) == ("Parameters are invalid.", "GaussianBlurDM")
+    assert err(f, 1.0, -3, None) == ("Parameters are invalid.", "GaussianBlurDM")
+    assert err(f, float("nan"), 3, None) == ("Parameters are invalid.", "GaussianBlurDM")
+
+
+# ------------------------------------------------------ finite differences
+def test_differences(host, rng):
+    row = host.image(np.array([[1, 4, 9, 16]], np.float32))
+    np.testing.assert_array_equal(host.call("KIXDiffHDLL", row, 1).numpy(), [[3, 5, 7]])
+    np.testing.assert_array_equal(host.call("KIXDiffHDLL", row, 2).numpy(), [[2, 2]])
+    assert host.call("KIXDiffVDLL", host.image(np.ones((3, 3), np.float32)), 1).numpy().shape == (2, 3)
+    a = random_array(rng, (9, 14), np.float32)
+    for n in range(0, 9):
+        h = host.call("KIXDiffHDLL", host.image(a), n).numpy()
+        np.testing.assert_array_equal(h, np.diff(a, n, axis=1))
+        v = host.call("KIXDiffVDLL", host.image(a), n).numpy()
+        np.testing.assert_array_equal(v, np.diff(a, n, axis=0))
+    # n <= 0: a copy, not the source itself.
+    src = host.image(a)
+    c = host.call("KIXDiffHDLL", src, -3)
+    c.numpy()[...] = 0
+    np.testing.assert_array_equal(src.numpy(), a)
+    assert script_error(host.call, "KIXDiffVDLL", host.image(np.zeros((4, 5), np.float64)), 1) == (
+        "Data type should be Real 4.", "DiffVDM")
+    assert script_error(host.call, "KIXDiffHDLL", host.image(a), 14) == (
+        "n must be smaller than the image size along the difference.", "DiffHDM")
+    assert script_error(host.call, "KIXDiffVDLL", host.image(a), 9) == (
+        "n must be smaller than the image size along the difference.", "DiffVDM")
