@@ -354,3 +354,125 @@ def test_differences(host, rng):
         "n must be smaller than the image size along the difference.", "DiffHDM")
     assert script_error(host.call, "KIXDiffVDLL", host.image(a), 9) == (
         "n must be smaller than the image size along the difference.", "DiffVDM")
+
+
+# ------------------------------------------------------- spike removal
+def spikes_reference(a, width, tol_, large):
+    """Each spectrum (numpy axis 0) against its annulus with the nominal box sizes, in double."""
+    S = a.astype(np.float64)
+    avg = lambda v, r: average_line_pass(v, r, 0) if r > 0 and v.shape[0] > 1 else v
+    m1, q1, M, Q = avg(S, width), avg(S * S, width), avg(S, width * large), avg(S * S, width * large)
+    A, B = 2 * width * large + 1, 2 * width + 1
+    with np.errstate(divide="ignore", invalid="ignore"):
+        C = np.float64(1) / ((large - 1) * 2 * width)
+        a2 = (Q * A - q1 * B) * C
+        a1 = (M * A - m1 * B) * C
+        thr = np.sqrt(np.abs(a2 - a1 * a1)) * np.float32(tol_)
+        d = np.abs(S - a1)
+        hit = (thr < d) | np.isnan(thr) | np.isnan(d)
+    out = np.where(hit, a1, S).astype(np.float32)
+    return out, hit.sum(axis=0).astype(np.int16)
+
+
+def remove_spikes(host, a, width, tol_, large, count_type=np.int16):
+    count = host.image(np.zeros(a.shape[1:], count_type))
+    out = host.image(np.zeros_like(a))
+    total = host.call("KIXRemoveSISpikeNoise", host.image(a), width, tol_, large, count, out)
+    return out.numpy(), count.numpy(), total
+
+
+def test_spike_on_flat_spectrum(host):
+    a = np.full((64, 1, 1), 100, np.float32)
+    a[30] = 5000
+    out, count, total = remove_spikes(host, a, 2, 3.0, 4)
+    # The spike and the channels whose annulus mean it lifted, all on a flat spectrum of deviation 0.
+    want, want_count = spikes_reference(a, 2, 3.0, 4)
+    np.testing.assert_allclose(out, want, rtol=1e-6)
+    assert out[30, 0, 0] < 1000 and count[0, 0] == want_count[0, 0] == total
+    # The spike itself is replaced by its annulus mean.
+    assert out[30, 0, 0] == 100
+
+
+@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.int16, np.uint16, np.int32, np.uint8],
+                         ids=lambda t: np.dtype(t).name)
+def test_spike_removal_against_reference(host, rng, dtype):
+    a = rng.poisson(200, (150, 5, 70)).astype(np.float64)
+    hits = rng.random(a.shape) < 0.01
+    a[hits] += 3000
+    a = np.clip(a, 0, np.iinfo(dtype).max if np.dtype(dtype).kind in "iu" else None).astype(dtype)
+    for width, t, large in [(2, 3.0, 4), (1, 2.5, 3), (3, 4.0, 10), (2, 3.0, 1)]:
+        out, count, total = remove_spikes(host, a, width, t, large)
+        want, want_count = spikes_reference(a, width, t, large)
+        if np.dtype(dtype).kind in "iu":
+            info = np.iinfo(dtype)
+            want = np.clip(np.where(np.isnan(want), 0, np.sign(want) * np.floor(np.abs(want.astype(np.float64)) + 0.5)),
+                           info.min, info.max).astype(dtype)
+            np.testing.assert_array_equal(out, want)
+        else:
+            np.testing.assert_allclose(out, want.astype(dtype), rtol=2e-6, atol=1e-3, equal_nan=True)
+        np.testing.assert_array_equal(count, want_count)
+        assert total == want_count.astype(np.int64).sum()
+    # LargeSize 1: an empty annulus, every channel takes the NaN branch.
+    _, count, _ = remove_spikes(host, a, 2, 3.0, 1)
+    assert np.all(count == a.shape[0])
+
+
+def test_spike_count_wraps_and_in_place(host, rng):
+    # Deviation 0 on a constant spectrum with alternating signs: every channel replaced.
+    a = np.tile(np.array([1, -1], np.float32), 20000)[:, None, None]
+    _, count, _ = remove_spikes(host, a, 1, 0.5, 3, np.int32)
+    assert count[0, 0] == np.int16(np.int64(40000) - 65536) == -25536
+    b = rng.poisson(50, (40, 3, 4)).astype(np.float32)
+    b[10, 1, 2] = 1e4
+    img = host.image(b)
+    cnt = host.image(np.zeros((3, 4), np.float32))
+    host.call("KIXRemoveSISpikeNoise", img, 2, 3.0, 4, cnt, img)
+    np.testing.assert_allclose(img.numpy(), spikes_reference(b, 2, 3.0, 4)[0], rtol=1e-6)
+
+
+def test_spike_removal_messages(host):
+    a = host.image(np.zeros((10, 3, 4), np.float32))
+    call = lambda *args: script_error(host.call, "KIXRemoveSISpikeNoise", *args)
+    ctx = "SIRemoveSpikeNoiseDM"
+    size = "Images of different size cannot appear in this function."
+    assert call(a, 2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), host.image(np.zeros((10, 3, 5), np.float32))) == (size, ctx)
+    assert call(a, 2, 3.0, 4, host.image(np.zeros((3, 5), np.int16)), host.image(np.zeros((10, 3, 4), np.float32))) == (size, ctx)
+    assert call(a, 2, 3.0, 4, host.image(np.zeros((2, 3, 4), np.int16)), host.image(np.zeros((10, 3, 4), np.float32))) == (size, ctx)
+    c = host.image(np.zeros((10, 3, 4), np.complex64))
+    assert call(c, 2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), c) == ("Invalid data type.", ctx)
+    assert call(a, 2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), host.image(np.zeros((10, 3, 4), np.float64))) == (
+        "Invalid data type.", ctx)
+    assert call(a, -2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), host.image(np.zeros((10, 3, 4), np.float32))) == (
+        "Parameters are invalid.", ctx)
+
+
+# ------------------------------------------------------------ registration
+def test_registered_in_their_lists(host):
+    sigs = host.signatures()
+    first = [
+        "void KIXMovingAverage2DLL(ImageRef   imgSrc, long       nRad, ImageRef * imgDst1, ImageRef * imgDst2 )",
+        "ImageRef KIXMovingAverageDLL(ImageRef imgSrc, long     nRad, ImageRef imgDst )",
+        "ImageRef KIXMedianFilterDLL(ImageRef imgSrc, long     nRad, ImageRef imgDst )",
+        "void KIXSurveyDLL(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum )",
+        "ImageRef KIXRadialSurveyDLL(Image * imgSrc, long    nCX, long    nCY, double  fScaleX, double  fScaleY )",
+        "long KIXGetCenterOfMassDLL(ImageRef imgSrc, double * fX, double * fY, double   fRad, long     nCycles, "
+        "double   fThreshold )",
+    ]
+    # The filter-and-survey registrar runs first; its members not built yet may sit between.
+    assert sigs[:len(first)] == first
+    tail = ["ImageRef KIXMaximumFilterDLL(ImageRef imgSrc, long nRad, ImageRef imgDst)",
+            "ImageRef KIXDiffHDLL(ImageRef src,long     n )", "ImageRef KIXDiffVDLL(ImageRef src,long     n )"]
+    at = [sigs.index(s) for s in tail]
+    assert at == sorted(at) and at[0] < sigs.index("void KIXSetUseSIMD(long isUseSIMD)")
+    spike = ("long KIXRemoveSISpikeNoise(ImageRef tokIn, long\t  MeanWidth, float    Tol, long\t  LargeSize, "
+             "ImageRef tokCount, ImageRef tokOut)")
+    assert sigs.count(spike) == 1
+    lib = host.library_signatures()
+    names = ["KIXMovingAverage(", "KIXMovingAverage2(", "KIXMovingAverageX(", "KIXMovingAverageY(",
+             "KIXMovingAverageZ(", "KIXGaussianBlur(", "KIXMaximumFilter(", "KIXMinimumFilter(",
+             "KIXMedianFilter(ImageRef imgSrc, long nRad, ImageRef imgDst , long nUseZeroPadding )",
+             "KIXMedianFilter(ImageRef imgSrc, long nRad, ImageRef imgDst)", "KIXRadialSurvey(", "KIXGetCenterOfMass("]
+    at = [next(i for i, s in enumerate(lib) if n in s) for n in names]
+    assert at == sorted(at)
+    for n in names:
+        assert not any(n in s for s in sigs), n
