@@ -20,61 +20,51 @@ inline float distance(float a, float b) { return static_cast<float>(std::sqrt(do
 inline double distance(double a, double b) { return std::hypot(a, b); }
 
 // One piece's bins: extremes by nearest bin, the other sums split linearly
-// between the two neighbouring bins.
+// between the two neighbouring bins.  Each bin has kLanes slots, pixel x
+// using slot x mod kLanes, so that neighbouring pixels of one bin do not wait
+// for each other's stores; two spare bins take what lands beyond the last (a
+// zero share of a pixel exactly at the largest radius).
+constexpr std::int64_t kLanes = 4;
+
 template <class T>
 struct Bins {
     std::vector<T> min, max, weight, sum, sum_sq;
     explicit Bins(std::int64_t n)
-        : min(std::size_t(n), std::numeric_limits<T>::max()), max(std::size_t(n), std::numeric_limits<T>::lowest()),
-          weight(std::size_t(n)), sum(std::size_t(n)), sum_sq(std::size_t(n)) {}
+        : min(std::size_t((n + 2) * kLanes), std::numeric_limits<T>::max()),
+          max(std::size_t((n + 2) * kLanes), std::numeric_limits<T>::lowest()),
+          weight(std::size_t((n + 2) * kLanes)), sum(std::size_t((n + 2) * kLanes)),
+          sum_sq(std::size_t((n + 2) * kLanes)) {}
 };
 
 constexpr std::int64_t kPieceRows = 64;  // rows per piece of the threaded scan
 
-// One row into the bins.  The distances come first, in one loop the compiler
-// vectorises; then the pixels, whose neighbours along a row mostly share their
-// bins: a run of pixels with the same bins is summed in registers and added
-// to the bins once.
+// One row into the bins: the distances first, in one loop the compiler
+// vectorises, then the pixels without branches.
 template <class T>
-void survey_row(const T* row, std::int64_t nx, std::int64_t cx, T sx, T dy, std::int64_t n, T* radius, Bins<T>& b) {
+void survey_row(const T* row, std::int64_t nx, std::int64_t cx, T sx, T dy, T* radius, Bins<T>& b) {
     for (std::int64_t x = 0; x < nx; ++x) radius[x] = distance(sx * T(x - cx), dy);
-    std::int64_t i0 = -1, k = -1;
-    T w0 = 0, w1 = 0, s0 = 0, s1 = 0, q0 = 0, q1 = 0, lo = 0, hi = 0;
-    auto flush_sums = [&] {
-        if (i0 < 0) return;
-        if (i0 < n) b.weight[i0] += w0, b.sum[i0] += s0, b.sum_sq[i0] += q0;
-        // A pixel exactly at the largest radius has f = 0 beyond the last bin.
-        if (i0 + 1 < n) b.weight[i0 + 1] += w1, b.sum[i0 + 1] += s1, b.sum_sq[i0 + 1] += q1;
-        w0 = w1 = s0 = s1 = q0 = q1 = 0;
-    };
-    auto flush_extremes = [&] {
-        if (k < 0 || k >= n) return;
-        if (lo < b.min[k]) b.min[k] = lo;
-        if (hi > b.max[k]) b.max[k] = hi;
-    };
+    T* const mn = b.min.data();
+    T* const mx = b.max.data();
+    T* const w = b.weight.data();
+    T* const s = b.sum.data();
+    T* const q = b.sum_sq.data();
     for (std::int64_t x = 0; x < nx; ++x) {
         const T v = row[x], r = radius[x];
-        const std::int64_t j = static_cast<std::int64_t>(r);
-        if (j != i0) {
-            flush_sums();
-            i0 = j;
-        }
-        const T f = r - T(j), f0 = T(1) - f;
-        w0 += f0, w1 += f;
-        s0 += v * f0, s1 += v * f;
-        q0 += v * v * f0, q1 += v * v * f;
-        const std::int64_t kk = static_cast<std::int64_t>(r + T(0.5));
-        if (kk != k) {
-            flush_extremes();
-            k = kk, lo = std::numeric_limits<T>::max(), hi = std::numeric_limits<T>::lowest();
-        }
-        if (v < lo) lo = v;
-        if (v > hi) hi = v;
+        const std::int64_t lane = x & (kLanes - 1);
+        const std::int64_t i0 = static_cast<std::int64_t>(r);
+        const std::int64_t k = static_cast<std::int64_t>(r + T(0.5)) * kLanes + lane;
+        const std::int64_t a = i0 * kLanes + lane, c = a + kLanes;
+        const T f = r - T(i0), f0 = T(1) - f;
+        mn[k] = std::min(mn[k], v);  // a NaN never replaces an extreme
+        mx[k] = std::max(mx[k], v);
+        w[a] += f0;
+        w[c] += f;
+        s[a] += v * f0;
+        s[c] += v * f;
+        q[a] += v * v * f0;
+        q[c] += v * v * f;
     }
-    flush_sums();
-    flush_extremes();
 }
-
 }  // namespace
 
 template <class T>
@@ -102,7 +92,7 @@ void radial_survey(const T* src, const Geometry& g, std::int64_t cx, std::int64_
             Bins<T>& b = parts[std::size_t(p)];
             const std::int64_t y1 = std::min(g.ny, (p + 1) * kPieceRows);
             for (std::int64_t y = p * kPieceRows; y < y1; ++y)
-                survey_row(src + y * g.row_stride, g.nx, cx, sx, sy * T(y - cy), n, radius.data(), b);
+                survey_row(src + y * g.row_stride, g.nx, cx, sx, sy * T(y - cy), radius.data(), b);
         }
     }
     T* row0 = result;
@@ -117,13 +107,14 @@ void radial_survey(const T* src, const Geometry& g, std::int64_t cx, std::int64_
         row2[i] = row3[i] = row4[i] = T(0);
     }
     for (const Bins<T>& b : parts)
-        for (std::int64_t i = 0; i < n; ++i) {
-            if (b.min[i] < row0[i]) row0[i] = b.min[i];
-            if (b.max[i] > row1[i]) row1[i] = b.max[i];
-            row2[i] += b.weight[i];
-            row3[i] += b.sum[i];
-            row4[i] += b.sum_sq[i];
-        }
+        for (std::int64_t i = 0; i < n; ++i)
+            for (std::int64_t l = i * kLanes; l < (i + 1) * kLanes; ++l) {
+                if (b.min[l] < row0[i]) row0[i] = b.min[l];
+                if (b.max[l] > row1[i]) row1[i] = b.max[l];
+                row2[i] += b.weight[l];
+                row3[i] += b.sum[l];
+                row4[i] += b.sum_sq[l];
+            }
     for (std::int64_t i = 0; i < n; ++i) {
         const double w = row2[i];
         const double mean = w > 0 ? double(row3[i]) / w : 0.0;
