@@ -23,6 +23,10 @@ def test_tour_runs_and_agrees_with_numpy(tmp_path):
     assert "largest difference 0\n" in out
     assert "ScriptError('Data type should be Complex.') from kix::vml::vml_expr2DM" in out
     assert "ScriptError('Data type should be Binary, Integer or Real.') from kix::vml::vml_expr1DM" in out
-    for name in ("diffraction.png", "median_stack.png"):
+    assert re.search(r"KIXMedianFilterDLL \(5 x 5\) [0-9.]+ in", out)
+    spikes = re.search(r"(\d+) cosmic-ray channels injected, (\d+) channels replaced, (\d+) of the injected", out)
+    assert spikes and int(spikes.group(3)) > 0.9 * int(spikes.group(1))
+    assert "rings at radius [40, 70]" in out
+    for name in ("diffraction.png", "median_stack.png", "filters.png", "spikes.png", "radial.png"):
         with open(tmp_path / name, "rb") as f:
             assert f.read(8) == b"\x89PNG\r\n\x1a\n"
