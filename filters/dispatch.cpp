@@ -71,6 +71,7 @@ template <class T>
 void moving_average_lanes(const T* in, std::int64_t istep, T* out, std::int64_t ostep, std::int64_t n,
                           std::int64_t lanes, std::int64_t r, T* buf, T* sum) {
     check_pass(in, out, r);
+    KIX_CHECK(sum != nullptr, "Parameters are invalid.");
     KIX_FILTERS_CALL(moving_average_lanes(in, istep, out, ostep, n, lanes, r, buf, sum))
 }
 

@@ -44,7 +44,8 @@ void moving_average2_planes(const T* in, const Geometry& gi, T* mean, const Geom
 template <class T>
 void moving_average_axis(int axis, const T* in, const Geometry& gi, T* out, const Geometry& go, std::int64_t r);
 // The same pass over `lanes` lines side by side: sample i of lane j at
-// in[i * istep + j].  buf holds n * lanes values, sum `lanes` values.
+// in[i * istep + j].  buf holds n * lanes values (or is null when out does not
+// overlap in: the input is then read in place), sum `lanes` values.
 template <class T>
 void moving_average_lanes(const T* in, std::int64_t istep, T* out, std::int64_t ostep, std::int64_t n,
                           std::int64_t lanes, std::int64_t r, T* buf, T* sum);
