@@ -3,8 +3,9 @@ import numpy as np
 
 TITLE = "Filters and radial survey"
 DESCRIPTION = """
-Float32 2048 x 2048 frames (the 15 x 15 median on 1024 x 1024, where scipy
-alone takes minutes a round), called from Python through the reference host.
+Float32 2048 x 2048 frames (the 15 x 15 median on 1024 x 1024 to keep the run
+short: scipy needs seconds a call), called from Python through the reference
+host on the run's threads (OpenCV on as many; scipy on one).
 The median is the zero-padded `KIXMedianFilter`, which is exactly scipy's
 `median_filter(mode="constant")`; OpenCV's `medianBlur` replicates the border
 and refuses float32 beyond 5 x 5.  Maximum: `KIXMaximumFilterDLL`, exactly
