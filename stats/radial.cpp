@@ -132,15 +132,18 @@ std::int32_t center_of_mass(const T* src, const Geometry& g, double* x, double* 
     const T x_start = static_cast<T>(*x), y_start = static_cast<T>(*y);
     T cx = x_start, cy = y_start;
     for (std::int32_t c = 0; c < cycles; ++c) {
-        std::int64_t x0 = static_cast<std::int64_t>(std::floor(cx - R)), y0 = static_cast<std::int64_t>(std::floor(cy - R));
-        std::int64_t x1 = static_cast<std::int64_t>(std::floor(cx + R)) + 1;
-        std::int64_t y1 = static_cast<std::int64_t>(std::floor(cy + R)) + 1;
+        // The box in floating point first: a NaN or far position fails the test
+        // before anything is converted to an integer.
+        double bx0 = std::floor(cx - R), by0 = std::floor(cy - R);
+        double bx1 = std::floor(cx + R) + 1, by1 = std::floor(cy + R) + 1;
         if (g.nx == 1) {
-            x0 = 0, x1 = 1;
+            bx0 = 0, bx1 = 1;
         } else if (g.ny == 1) {
-            y0 = 0, y1 = 1;
+            by0 = 0, by1 = 1;
         }
-        if (!(x0 >= 0 && x1 <= g.nx && y0 >= 0 && y1 <= g.ny)) return 0;  // also a NaN position
+        if (!(bx0 >= 0 && bx1 <= double(g.nx) && by0 >= 0 && by1 <= double(g.ny))) return 0;
+        const std::int64_t x0 = static_cast<std::int64_t>(bx0), y0 = static_cast<std::int64_t>(by0);
+        const std::int64_t x1 = static_cast<std::int64_t>(bx1), y1 = static_cast<std::int64_t>(by1);
         T peak = -T(3.4028235e38);
         for (std::int64_t yy = y0; yy < y1; ++yy)
             for (std::int64_t xx = x0; xx < x1; ++xx) {
