@@ -476,3 +476,16 @@ def test_registered_in_their_lists(host):
     assert at == sorted(at)
     for n in names:
         assert not any(n in s for s in sigs), n
+
+
+def test_huge_radii_behave_like_the_image_size(host, rng):
+    a = random_array(rng, (9, 11), np.float32)
+    big = 2**31 - 1
+    np.testing.assert_allclose(host.call("KIXMovingAverageDLL", host.image(a), big, None).numpy(), a.mean(),
+                               rtol=1e-5)
+    np.testing.assert_array_equal(host.library_call("KIXMedianFilter", host.image(a), big, None, 0).numpy(),
+                                  median_naive(a, 20, False))
+    np.testing.assert_array_equal(host.library_call("KIXMedianFilter", host.image(a), big, None, 1).numpy(), 0)
+    np.testing.assert_array_equal(host.call("KIXMaximumFilterDLL", host.image(a), big, None).numpy(), a.max())
+    np.testing.assert_allclose(host.library_call("KIXGaussianBlur", host.image(a), 1e300, big, None).numpy(),
+                               a.mean(), rtol=1e-5)

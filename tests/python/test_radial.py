@@ -133,6 +133,9 @@ def test_center_of_mass(host, rng):
     # The drift test is against R^2: with R = 3 a drift of 4.24 passes, with R = 1.5 a drift of 2.83 fails.
     assert host.call("KIXGetCenterOfMassDLL", host.image(a), 38.0, 33.0, 3.0, 1, 1.0) == (1, 35.0, 30.0)
     assert host.call("KIXGetCenterOfMassDLL", host.image(a), 38.0, 33.0, 1.5, 1, 1.0) == (0, 38.0, 33.0)
+    # NaN or far discs leave the image: 0, position untouched.
+    assert host.call("KIXGetCenterOfMassDLL", host.image(a), 38.0, 33.0, float("nan"), 5, 0.2) == (0, 38.0, 33.0)
+    assert host.call("KIXGetCenterOfMassDLL", host.image(a), 38.0, 33.0, 1e30, 5, 0.2) == (0, 38.0, 33.0)
     for code in (np.int32, np.complex128):
         assert script_error(host.call, "KIXGetCenterOfMassDLL", host.image(np.ones((5, 5), code)), 2.0, 2.0, 1.0, 3,
                             0.5) == ("imgSrc should be Real.", "GetCenterOfMassDM")
