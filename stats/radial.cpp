@@ -42,7 +42,13 @@ constexpr std::int64_t kPieceRows = 64;  // rows per piece of the threaded scan
 // vectorises, then the pixels without branches.
 template <class T>
 void survey_row(const T* row, std::int64_t nx, std::int64_t cx, T sx, T dy, T* radius, Bins<T>& b) {
-    for (std::int64_t x = 0; x < nx; ++x) radius[x] = distance(sx * T(x - cx), dy);
+    if (nx < (std::int64_t(1) << 30) && cx > -(std::int64_t(1) << 30) && cx < (std::int64_t(1) << 30)) {
+        // 32-bit offsets: their conversion to T has a vector instruction.
+        const std::int32_t n32 = static_cast<std::int32_t>(nx), c32 = static_cast<std::int32_t>(cx);
+        for (std::int32_t x = 0; x < n32; ++x) radius[x] = distance(sx * T(x - c32), dy);
+    } else {
+        for (std::int64_t x = 0; x < nx; ++x) radius[x] = distance(sx * T(x - cx), dy);
+    }
     T* const mn = b.min.data();
     T* const mx = b.max.data();
     T* const w = b.weight.data();
