@@ -3,8 +3,9 @@
 // The median of an interior pixel is a value, so any exact selection gives
 // it: the vectorised form loads the (2r+1)^2 shifted vectors of neighbouring
 // pixels and runs a median-selection network down them, many pixels per
-// instruction (networks fixed at compile time up to 7 x 7, those of the order
-// statistics up to 15 x 15); the generic form, larger boxes and every border
+// instruction (networks fixed at compile time up to 7 x 7, see
+// simd_kernels.inc; those of the order statistics up to 15 x 15); the
+// generic form, larger boxes and every border
 // pixel use the quickselect of the order statistics.  NaN: the network keeps
 // the compare-exchange outcome of `<`, quickselect that of its
 // greater-or-equal swaps; neither is promised.
