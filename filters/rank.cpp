@@ -5,10 +5,10 @@
 // pixels and runs a median-selection network down them, many pixels per
 // instruction (networks fixed at compile time up to 7 x 7, see
 // simd_kernels.inc; those of the order statistics up to 15 x 15); the
-// generic form, larger boxes and every border
-// pixel use the quickselect of the order statistics.  NaN: the network keeps
-// the compare-exchange outcome of `<`, quickselect that of its
-// greater-or-equal swaps; neither is promised.
+// generic form, larger boxes and every border pixel use the quickselect of
+// the order statistics.  NaN: the networks keep the outcome of `<`
+// selections, quickselect that of its greater-or-equal swaps; neither is
+// promised.
 #include <omp.h>
 
 #include <algorithm>
