@@ -127,8 +127,8 @@ def test_moving_average_single_axis(host, rng, dtype, axis, fn):
 
 @pytest.mark.parametrize("dtype", AVERAGED, ids=name)
 def test_moving_average2_moments(host, rng, dtype):
-    a = random_array(rng, (3, 20, 33), dtype)
-    for r in [0, 2, 9]:
+    for shape, r in [((3, 20, 33), 0), ((3, 20, 33), 2), ((3, 20, 33), 9), ((300, 257), 4)]:
+        a = random_array(rng, shape, dtype)
         m, q = host.call("KIXMovingAverage2DLL", host.image(a), r, None, None)
         assert m.numpy().dtype == a.dtype and q.numpy().dtype == a.dtype
         # The square in the pixel's own arithmetic (the complex square for complex pixels).
