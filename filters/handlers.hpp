@@ -22,9 +22,10 @@
 //    destination as it is; without a destination they return a copy.
 //  - DiffH/DiffV: n <= 0 gives a copy; n at least the axis length is
 //    "n must be smaller than the image size along the difference.".
-//  - RemoveSISpikeNoise returns the number of replaced channels of the whole
-//    image; tokCount takes any real or integer type and receives the 16-bit
-//    count of each spectrum.
+//  - RemoveSISpikeNoise returns the sum of the spectra's 16-bit counts of
+//    replaced channels (the number replaced unless a count wrapped); tokCount
+//    takes any real or integer type and receives each count; tokOut must have
+//    tokIn's type and may be tokIn itself.
 #pragma once
 
 #include <cstdint>
