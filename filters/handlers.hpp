@@ -20,6 +20,8 @@
 //    the source (it then reads a copy); maximum and minimum refuse it.
 //  - MovingAverageX/Y/Z with nRad = 0 or a one-pixel axis leave the
 //    destination as it is; without a destination they return a copy.
+//  - A negative radius is "Parameters are invalid." for every member.
+//  - GaussianBlur may write into its source, and blurs a stack plane by plane.
 //  - DiffH/DiffV: n <= 0 gives a copy; n at least the axis length is
 //    "n must be smaller than the image size along the difference.".
 //  - RemoveSISpikeNoise returns the sum of the spectra's 16-bit counts of
