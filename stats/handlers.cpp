@@ -3,6 +3,7 @@
 #include <string>
 
 #include "stats/kernels.hpp"
+#include "stats/radial.hpp"
 
 namespace kix {
 namespace {
@@ -196,6 +197,44 @@ Image MedianZDM(const Image& src, const Image& dst) {
     });
     changed(out);
     return out;
+}
+
+// ------------------------------------------------------------ radial survey
+Image RadialSurveyDM(Image* src, std::int32_t nCX, std::int32_t nCY, double fScaleX, double fScaleY) {
+    Call call("RadialSurveyDM");
+    const pixels s(*src);
+    const int code = s.code();
+    return dispatch(real_types{}, code, "Data type should be Real.", [&](auto t) -> Image {
+        using T = typename decltype(t)::type;
+        const image<T> v(s);
+        const Geometry g = v.geometry();
+        const T sx = static_cast<T>(static_cast<float>(fScaleX)), sy = static_cast<T>(static_cast<float>(fScaleY));
+        const stats::RadialBins bins = stats::radial_bins<T>(g.nx, g.ny, nCX, nCY, sx, sy);
+        Image made = new_image("Radial Survey of " + host::GetName(*src).get_string(), code, {bins.n, 5});
+        const image<T> r(made);
+        if (r.height() == 5) stats::radial_survey(v.data(), g, nCX, nCY, sx, sy, r.data(), r.width(), bins);
+        changed(made);
+        return made;
+    });
+}
+
+std::int32_t GetCenterOfMassDM(const Image& src, double* fX, double* fY, double fRad, std::int32_t nCycles,
+                               double fThreshold) {
+    Call call("GetCenterOfMassDM");
+    const pixels s(src);
+    return dispatch(real_types{}, s.code(), "imgSrc should be Real.", [&](auto t) -> std::int32_t {
+        using T = typename decltype(t)::type;
+        const image<T> v(s);
+        double x = fX ? *fX : 0, y = fY ? *fY : 0;
+        const std::int32_t cycles =
+            stats::center_of_mass(v.data(), v.geometry(), &x, &y, static_cast<T>(static_cast<float>(fRad)), nCycles,
+                                  static_cast<T>(static_cast<float>(fThreshold)));
+        if (cycles > 0 || nCycles <= 0) {
+            put(fX, x);
+            put(fY, y);
+        }
+        return cycles;
+    });
 }
 
 }  // namespace kix

@@ -53,4 +53,17 @@ double MedianDM(const Image& src);
 // saturated to their range (NaN stores 0).
 Image MedianZDM(const Image& src, const Image& dst);
 
+// A new 5-row image "Radial Survey of " + the source's name, of the source's
+// type (Real 4 or Real 8, else "Data type should be Real."): per radius bin
+// around (nCX, nCY) the minimum, maximum, weight, mean and standard deviation.
+// Scales are used in single precision.  A centre or scale that would need more
+// than 10^9 bins is "Invalid image size.".
+Image RadialSurveyDM(Image* src, std::int32_t nCX, std::int32_t nCY, double fScaleX, double fScaleY);
+// Thresholded centre-of-mass steps from (fX, fY) in a disc of radius fRad
+// (Real 4 or Real 8 source, else "imgSrc should be Real."); answers the cycles
+// run, or 0 without writing the position when the disc leaves the image or
+// the position drifts too far.
+std::int32_t GetCenterOfMassDM(const Image& src, double* fX, double* fY, double fRad, std::int32_t nCycles,
+                               double fThreshold);
+
 }  // namespace kix

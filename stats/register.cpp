@@ -1,4 +1,4 @@
-// The survey family and the order statistics: their rows in the
+// The survey family, the order statistics and the radial measurements: their rows in the
 // filter-and-survey registrar, the master's table and the larger library list.
 #include "plugin/registry.hpp"
 #include "stats/handlers.hpp"
@@ -26,6 +26,12 @@ namespace {
 const Rows kFilterSurvey(List::FilterSurvey, {
     {"void ", "SurveyDLL(ImageRef imgSrc, double * fMin, double * fMax, double * fSum, double * fSqsum )",
      entry<static_cast<Survey4>(SurveyDM)>()},
+    {"ImageRef ", "RadialSurveyDLL(Image * imgSrc, long    nCX, long    nCY, double  fScaleX, double  fScaleY )",
+     entry<RadialSurveyDM>()},
+    {"long ",
+     "GetCenterOfMassDLL(ImageRef imgSrc, double * fX, double * fY, double   fRad, long     nCycles, "
+     "double   fThreshold )",
+     entry<GetCenterOfMassDM>()},
 });
 
 const Rows kMaster(List::Master, {
@@ -52,6 +58,10 @@ const Rows kLibrary(List::Library, {
     KIX_MINMAX,
     KIX_MIN,
     KIX_MAX,
+    {"ImageRef ", "RadialSurvey(Image * imgSrc, long nCX, long nCY, double fScaleX, double fScaleY )",
+     entry<RadialSurveyDM>()},
+    {"long ", "GetCenterOfMass(ImageRef imgSrc, double * fX, double * fY, double fRad, long nCycles, double fThreshold)",
+     entry<GetCenterOfMassDM>()},
 });
 
 }  // namespace

@@ -31,7 +31,11 @@ def test_tour_runs_and_agrees_with_numpy(tmp_path):
     if os.path.exists("/usr/lib/python3/dist-packages/hyperspy/tests/io/dm3_2D_data/test_diffraction_pattern.dm3"):
         assert re.search(r"    x: [0-9.]+ 1/nm per pixel", out), out
         assert "same pixels True, calibration Axis(" in out
+    assert re.search(r"KIXMedianFilterDLL \(5 x 5\) [0-9.]+ in", out)
+    spikes = re.search(r"(\d+) cosmic-ray channels injected, (\d+) channels replaced, (\d+) of the injected", out)
+    assert spikes and int(spikes.group(3)) > 0.9 * int(spikes.group(1))
+    assert "rings at radius [40, 70]" in out
     for name in ("diffraction.png", "median_stack.png", "tie_phase.png", "power_spectrum.png", "geometry.png",
-                 "eels.png"):
+                 "eels.png", "filters.png", "spikes.png", "radial.png"):
         with open(tmp_path / name, "rb") as f:
             assert f.read(8) == b"\x89PNG\r\n\x1a\n"
