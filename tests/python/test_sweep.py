@@ -101,22 +101,22 @@ def all_cases():
 
 
 # ------------------------------------------------------------------ worker
-def make_image(h, spec, first, parent):
+def make_image(h, want, first, parent):
     """An image of the case: the first image again ('same'), a subarea of the
     case's parent ('overlap', and then the first image is one too), or new."""
-    if spec.get("null"):
+    if want.get("null"):
         return None
-    if spec.get("same") and first is not None:
+    if want.get("same") and first is not None:
         return first
-    if parent is not None and (spec.get("overlap") or first is None):
-        return h.subarea(parent, [1, 1] if spec.get("overlap") else [0, 0], SHAPE)
-    shape = spec.get("shape", SHAPE)
-    dtype = np.dtype(spec.get("dtype", "float32"))
+    if parent is not None and (want.get("overlap") or first is None):
+        return h.subarea(parent, [1, 1] if want.get("overlap") else [0, 0], SHAPE)
+    shape = want.get("shape", SHAPE)
+    dtype = np.dtype(want.get("dtype", "float32"))
     rng = np.random.default_rng(7)
     a = rng.standard_normal(shape) * 3
     if dtype.kind == "c":
         a = a + 1j * rng.standard_normal(shape)
-    fill = spec.get("fill")
+    fill = want.get("fill")
     if fill == "huge":
         a = a * 1e30
     elif fill:
