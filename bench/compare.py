@@ -400,7 +400,9 @@ threads (parts side by side).  kix/bound near 1 means kix runs at memory speed;
 an operation that reads more than it writes can beat a copy of the same bytes,
 since a copy writes half of them and every written line is read first.  FFTW
 is the raw library (bench/fftw_peer.cpp, FFTW_MEASURE plans, execution time
-only).  ≠ marks a peer whose output did not match kix's.
+only).  ≠ marks a peer whose output did not match kix's.  Notes on each
+family's runs (the load during them, further runs, the targets and the gaps)
+are in docs/perf-<family>.md.
 """
 
 
