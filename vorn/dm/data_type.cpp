@@ -69,13 +69,15 @@ std::uint32_t PadSize(std::uint32_t n) {
         return !(best.count[2] > s.count[2]);
     };
     constexpr std::int64_t kStretches = 64;
-    Smooth best_of[kStretches];
     const std::uint64_t span = last - first + 1;
-#pragma omp parallel for schedule(dynamic) if (span > (1u << 20))
-    for (std::int64_t k = 0; k < kStretches; ++k) {
+    // Small searches (every size a script meets in practice) run as one stretch.
+    const std::int64_t stretches = span > (1u << 20) ? kStretches : 1;
+    Smooth best_of[kStretches];
+#pragma omp parallel for schedule(dynamic) if (stretches > 1)
+    for (std::int64_t k = 0; k < stretches; ++k) {
         Smooth best{0, {-1, -1, -1, -1}};
-        const std::uint64_t lo = first + span * std::uint64_t(k) / kStretches;
-        const std::uint64_t hi = first + span * std::uint64_t(k + 1) / kStretches;
+        const std::uint64_t lo = first + span * std::uint64_t(k) / std::uint64_t(stretches);
+        const std::uint64_t hi = first + span * std::uint64_t(k + 1) / std::uint64_t(stretches);
         for (std::uint64_t m = lo; m < hi; ++m) {
             const Smooth s = smooth_factorisation(static_cast<std::uint32_t>(m));
             if (wins(s, best)) best = s;
@@ -83,8 +85,8 @@ std::uint32_t PadSize(std::uint32_t n) {
         best_of[k] = best;
     }
     Smooth best{0, {0, 0, 0, 0}};
-    for (const Smooth& s : best_of)
-        if (s.count[0] >= 0 && wins(s, best)) best = s;
+    for (std::int64_t k = 0; k < stretches; ++k)
+        if (best_of[k].count[0] >= 0 && wins(best_of[k], best)) best = best_of[k];
     return best.value;
 }
 
