@@ -11,26 +11,17 @@ import pytest
 
 import dmfile
 import kix
+from conftest import random_array
 
 HYPERSPY = "/usr/lib/python3/dist-packages/hyperspy"
 DM_FILES = sorted(glob.glob(HYPERSPY + "/**/*.dm[34]", recursive=True))
 
 
-def hyperspy_reader():
+def hyperspy_main(path):
+    """HyperSpy's largest image of a file (the first of equals), before any reshaping."""
     warnings.filterwarnings("ignore")
     from hyperspy.io_plugins import digital_micrograph
-    return digital_micrograph
-
-
-def hyperspy_main(path):
-    """HyperSpy's images of a file, before any reshaping: the largest (the first of equals)."""
-    dm = hyperspy_reader()
-    images = dm.file_reader(path)
-    best = images[0]
-    for im in images[1:]:
-        if im["data"].size > best["data"].size:
-            best = im
-    return best
+    return max(digital_micrograph.file_reader(path), key=lambda im: im["data"].size)
 
 
 def same_pixels(ours, theirs):
@@ -105,7 +96,6 @@ def test_dm_file_matches_hyperspy(host, path):
 @pytest.mark.parametrize("dtype", [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32,
                                    np.float64, np.complex64, np.complex128, np.bool_])
 def test_dm_written_files_every_type_both_orders(host, tmp_path, rng, version, little, dtype):
-    from conftest import random_array
     shape = {3: (2, 3, 5, 4), 4: (3, 5, 7)}[version]  # 4-D and 3-D
     a = random_array(rng, shape, dtype)
     cal = [(0.5 * i, 0.25 + i, u) for i, u in enumerate(["nm", "nm", "eV", "s"][: len(shape)])]
@@ -242,7 +232,6 @@ NPY_TYPES = [np.bool_, np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint
 
 @pytest.mark.parametrize("dtype", NPY_TYPES)
 def test_npy_read_and_round_trip(host, tmp_path, rng, dtype):
-    from conftest import random_array
     for shape in [(7,), (5, 6), (2, 3, 4), (2, 2, 3, 4), (1, 2, 1, 2, 3)]:
         a = random_array(rng, shape, dtype)
         p = tmp_path / "a.npy"
@@ -310,7 +299,6 @@ def test_raw_pixels(host, tmp_path, rng):
                                         (6, np.uint16), (12, np.float16)])
 def test_mrc_modes_and_spacing(host, tmp_path, rng, mode, dtype):
     import mrcfile
-    from conftest import random_array
     for shape in [(6, 9), (4, 6, 9)]:
         a = random_array(rng, shape, np.float32 if dtype == np.float16 else dtype).astype(dtype)
         p = str(tmp_path / "a.mrc")
@@ -362,7 +350,6 @@ TIFF_TYPES = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.fl
 @pytest.mark.parametrize("dtype", TIFF_TYPES)
 def test_tiff_from_tifffile_and_round_trip(host, tmp_path, rng, dtype):
     import tifffile
-    from conftest import random_array
     a = random_array(rng, (3, 20, 30), dtype)
     p = str(tmp_path / "stack.tif")
     tifffile.imwrite(p, a, photometric="minisblack")

@@ -7,7 +7,7 @@ import pytest
 from scipy import ndimage
 
 import kix
-from conftest import random_array
+from conftest import in_order, random_array
 
 REAL = [np.float32, np.float64]
 AVERAGED = REAL + [np.complex64, np.complex128]
@@ -140,26 +140,6 @@ def test_moving_average2_moments(host, rng, dtype):
     np.testing.assert_allclose(q.numpy(), 12.25, rtol=1e-6)
 
 
-def test_moving_average_messages(host):
-    f = host.image(np.zeros((4, 5), np.float32))
-    assert script_error(host.call, "KIXMovingAverageDLL", f, 1, host.image(np.zeros((4, 6), np.float32))) == (
-        "Images of different size cannot appear in this function.", "MovingAverageDM")
-    assert script_error(host.call, "KIXMovingAverageDLL", host.image(np.zeros((4, 5), np.int16)), 1, None) == (
-        "Invalid data type.", "MovingAverageDM")
-    assert script_error(host.call, "KIXMovingAverageDLL", f, 1, host.image(np.zeros((4, 5), np.float64))) == (
-        "Invalid data type.", "MovingAverageDM")
-    assert script_error(host.call, "KIXMovingAverageDLL", f, -1, None) == (
-        "Parameters are invalid.", "MovingAverageDM")
-    assert script_error(host.call, "KIXMovingAverage2DLL", host.image(np.zeros(3, np.uint8)), 1, None, None) == (
-        "Invalid data type.", "MovingAverageDM2")
-    c = host.image(np.zeros((4, 5), np.complex64))
-    for fn, ctx in [("KIXMovingAverageX", "MovingAverageXDM"), ("KIXMovingAverageY", "MovingAverageYDM"),
-                    ("KIXMovingAverageZ", "MovingAverageZDM")]:
-        assert script_error(host.library_call, fn, c, 1, None) == ("Invalid data type.", ctx)
-        assert script_error(host.library_call, fn, f, 1, host.image(np.zeros(20, np.float32))) == (
-            "Images of different size cannot appear in this function.", ctx)
-
-
 # ------------------------------------------------------------ rank filters
 def median_naive(a, r, zero_pad):
     """Per pixel: the values of the square inside the image (plus its zeros when padding), their median."""
@@ -215,21 +195,6 @@ def test_median_filter_corner_and_in_place(host):
     np.testing.assert_array_equal(img.numpy(), median_naive(a, 1, False))
 
 
-def test_median_filter_messages(host):
-    f = host.image(np.zeros((4, 5), np.float32))
-    assert script_error(host.call, "KIXMedianFilterDLL", host.image(np.zeros((4, 5), np.int32)), 1, None) == (
-        "All data type should be Real.", "MedianFilterDM2")
-    assert script_error(host.call, "KIXMedianFilterDLL", f, 1, host.image(np.zeros((4, 5), np.complex64))) == (
-        "All data type should be Real.", "MedianFilterDM2")
-    assert script_error(host.call, "KIXMedianFilterDLL", f, 1, host.image(np.zeros((4, 5), np.float64))) == (
-        "Invalid data type.", "MedianFilterDM2")
-    assert script_error(host.call, "KIXMedianFilterDLL", f, 1, host.image(np.zeros((5, 5), np.float32))) == (
-        "Images of different size cannot appear in this function.", "MedianFilterDM2")
-    assert script_error(host.call, "KIXMedianFilterDLL", host.image(np.zeros((2, 4, 5), np.float32)), 1, None) == (
-        "Invalid image size.", "MedianFilterDM2")
-    assert script_error(host.call, "KIXMedianFilterDLL", f, -2, None) == ("Parameters are invalid.", "MedianFilterDM2")
-
-
 @pytest.mark.parametrize("shape", [(1, 1), (1, 17), (17, 1), (6, 5), (40, 63), (130, 257)], ids=ids)
 @pytest.mark.parametrize("dtype", STORED, ids=name)
 def test_maximum_minimum_against_scipy(host, rng, dtype, shape):
@@ -252,19 +217,6 @@ def test_maximum_filter_neutral_value_never_wins(host):
     np.testing.assert_array_equal(host.library_call("KIXMinimumFilter", host.image(b), 20, None).numpy(), b)
     c = np.full((3, 4), -128, np.int8)
     np.testing.assert_array_equal(host.call("KIXMaximumFilterDLL", host.image(c), 1, None).numpy(), c)
-
-
-def test_maximum_minimum_messages(host):
-    f = host.image(np.zeros((4, 5), np.float32))
-    for call, fn, ctx in [(host.call, "KIXMaximumFilterDLL", "MaximumFilterDM"),
-                          (host.library_call, "KIXMinimumFilter", "MinimumFilterDM")]:
-        assert script_error(call, fn, f, 1, host.image(np.zeros((4, 6), np.complex64))) == (
-            "Images of different size cannot appear in this function.", ctx)
-        assert script_error(call, fn, host.image(np.zeros((4, 5), np.complex64)), 1, None) == (
-            "Invalid image type.", ctx)
-        assert script_error(call, fn, f, 1, host.image(np.zeros((4, 5), np.int32))) == ("Invalid image type.", ctx)
-        assert script_error(call, fn, f, 1, f) == ("Output should be out-of-place.", ctx)
-        assert script_error(call, fn, f, -1, None) == ("Parameters are invalid.", ctx)
 
 
 # ----------------------------------------------------------- Gaussian blur
@@ -332,18 +284,6 @@ def test_gaussian_blur_weights_in_place_and_constant(host):
     np.testing.assert_array_equal(img.numpy(), host.library_call("KIXGaussianBlur", host.image(b), 2.0, 3, None).numpy())
 
 
-def test_gaussian_blur_messages(host):
-    f = host.image(np.zeros((4, 5), np.float32))
-    err = lambda *args: script_error(host.library_call, "KIXGaussianBlur", *args)
-    assert err(f, 1.0, 3, host.image(np.zeros((4, 6), np.int8))) == (
-        "Images of different size cannot appear in this function.", "GaussianBlurDM")
-    assert err(host.image(np.zeros((4, 5), np.int16)), 1.0, 3, None) == ("All data type should be Real.", "GaussianBlurDM")
-    assert err(f, 1.0, 3, host.image(np.zeros((4, 5), np.complex64))) == ("All data type should be Real.", "GaussianBlurDM")
-    assert err(f, -1.0, 3, None) == ("Parameters are invalid.", "GaussianBlurDM")
-    assert err(f, 1.0, -3, None) == ("Parameters are invalid.", "GaussianBlurDM")
-    assert err(f, float("nan"), 3, None) == ("Parameters are invalid.", "GaussianBlurDM")
-
-
 # ------------------------------------------------------ finite differences
 def test_differences(host, rng):
     row = host.image(np.array([[1, 4, 9, 16]], np.float32))
@@ -361,12 +301,6 @@ def test_differences(host, rng):
     c = host.call("KIXDiffHDLL", src, -3)
     c.numpy()[...] = 0
     np.testing.assert_array_equal(src.numpy(), a)
-    assert script_error(host.call, "KIXDiffVDLL", host.image(np.zeros((4, 5), np.float64)), 1) == (
-        "Data type should be Real 4.", "DiffVDM")
-    assert script_error(host.call, "KIXDiffHDLL", host.image(a), 14) == (
-        "n must be smaller than the image size along the difference.", "DiffHDM")
-    assert script_error(host.call, "KIXDiffVDLL", host.image(a), 9) == (
-        "n must be smaller than the image size along the difference.", "DiffVDM")
 
 
 # ------------------------------------------------------- spike removal
@@ -443,20 +377,55 @@ def test_spike_count_wraps_and_in_place(host, rng):
     np.testing.assert_allclose(img.numpy(), spikes_reference(b, 2, 3.0, 4)[0], rtol=1e-6)
 
 
-def test_spike_removal_messages(host):
-    a = host.image(np.zeros((10, 3, 4), np.float32))
-    call = lambda *args: script_error(host.call, "KIXRemoveSISpikeNoise", *args)
-    ctx = "SIRemoveSpikeNoiseDM"
-    size = "Images of different size cannot appear in this function."
-    assert call(a, 2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), host.image(np.zeros((10, 3, 5), np.float32))) == (size, ctx)
-    assert call(a, 2, 3.0, 4, host.image(np.zeros((3, 5), np.int16)), host.image(np.zeros((10, 3, 4), np.float32))) == (size, ctx)
-    assert call(a, 2, 3.0, 4, host.image(np.zeros((2, 3, 4), np.int16)), host.image(np.zeros((10, 3, 4), np.float32))) == (size, ctx)
-    c = host.image(np.zeros((10, 3, 4), np.complex64))
-    assert call(c, 2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), c) == ("Invalid data type.", ctx)
-    assert call(a, 2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), host.image(np.zeros((10, 3, 4), np.float64))) == (
-        "Invalid data type.", ctx)
-    assert call(a, -2, 3.0, 4, host.image(np.zeros((3, 4), np.int16)), host.image(np.zeros((10, 3, 4), np.float32))) == (
-        "Parameters are invalid.", ctx)
+# ---------------------------------------------------------------- messages
+SIZE = "Images of different size cannot appear in this function."
+TYPE, PARAMS, REAL_ = "Invalid data type.", "Parameters are invalid.", "All data type should be Real."
+LIBRARY = {"KIXMovingAverageX", "KIXMovingAverageY", "KIXMovingAverageZ", "KIXMinimumFilter", "KIXGaussianBlur"}
+im = lambda h, shape=(4, 5), t=np.float32: h.image(np.zeros(shape, t))
+cnt = lambda h, shape=(3, 4): h.image(np.zeros(shape, np.int16))
+SI = lambda h, shape=(10, 3, 4), t=np.float32: h.image(np.zeros(shape, t))
+
+
+@pytest.mark.parametrize("fn,args,want,ctx", [
+    ("KIXMovingAverageDLL", lambda h: (im(h), 1, im(h, (4, 6))), SIZE, "MovingAverageDM"),
+    ("KIXMovingAverageDLL", lambda h: (im(h, t=np.int16), 1, None), TYPE, "MovingAverageDM"),
+    ("KIXMovingAverageDLL", lambda h: (im(h), 1, im(h, t=np.float64)), TYPE, "MovingAverageDM"),
+    ("KIXMovingAverageDLL", lambda h: (im(h), -1, None), PARAMS, "MovingAverageDM"),
+    ("KIXMovingAverage2DLL", lambda h: (im(h, 3, np.uint8), 1, None, None), TYPE, "MovingAverageDM2"),
+    *[(f"KIXMovingAverage{a}", lambda h: (im(h, t=np.complex64), 1, None), TYPE, f"MovingAverage{a}DM") for a in "XYZ"],
+    *[(f"KIXMovingAverage{a}", lambda h: (im(h), 1, im(h, 20)), SIZE, f"MovingAverage{a}DM") for a in "XYZ"],
+    ("KIXMedianFilterDLL", lambda h: (im(h, t=np.int32), 1, None), REAL_, "MedianFilterDM2"),
+    ("KIXMedianFilterDLL", lambda h: (im(h), 1, im(h, t=np.complex64)), REAL_, "MedianFilterDM2"),
+    ("KIXMedianFilterDLL", lambda h: (im(h), 1, im(h, t=np.float64)), TYPE, "MedianFilterDM2"),
+    ("KIXMedianFilterDLL", lambda h: (im(h), 1, im(h, (5, 5))), SIZE, "MedianFilterDM2"),
+    ("KIXMedianFilterDLL", lambda h: (im(h, (2, 4, 5)), 1, None), "Invalid image size.", "MedianFilterDM2"),
+    ("KIXMedianFilterDLL", lambda h: (im(h), -2, None), PARAMS, "MedianFilterDM2"),
+    *[row for fn, ctx in [("KIXMaximumFilterDLL", "MaximumFilterDM"), ("KIXMinimumFilter", "MinimumFilterDM")] for row in [
+        (fn, lambda h: (im(h), 1, im(h, (4, 6), np.complex64)), SIZE, ctx),
+        (fn, lambda h: (im(h, t=np.complex64), 1, None), "Invalid image type.", ctx),
+        (fn, lambda h: (im(h), 1, im(h, t=np.int32)), "Invalid image type.", ctx),
+        (fn, lambda h: (lambda f: (f, 1, f))(im(h)), "Output should be out-of-place.", ctx),
+        (fn, lambda h: (im(h), -1, None), PARAMS, ctx)]],
+    ("KIXGaussianBlur", lambda h: (im(h), 1.0, 3, im(h, (4, 6), np.int8)), SIZE, "GaussianBlurDM"),
+    ("KIXGaussianBlur", lambda h: (im(h, t=np.int16), 1.0, 3, None), REAL_, "GaussianBlurDM"),
+    ("KIXGaussianBlur", lambda h: (im(h), 1.0, 3, im(h, t=np.complex64)), REAL_, "GaussianBlurDM"),
+    ("KIXGaussianBlur", lambda h: (im(h), -1.0, 3, None), PARAMS, "GaussianBlurDM"),
+    ("KIXGaussianBlur", lambda h: (im(h), 1.0, -3, None), PARAMS, "GaussianBlurDM"),
+    ("KIXGaussianBlur", lambda h: (im(h), float("nan"), 3, None), PARAMS, "GaussianBlurDM"),
+    ("KIXDiffVDLL", lambda h: (im(h, t=np.float64), 1), "Data type should be Real 4.", "DiffVDM"),
+    ("KIXDiffHDLL", lambda h: (im(h, (9, 14)), 14), "n must be smaller than the image size along the difference.", "DiffHDM"),
+    ("KIXDiffVDLL", lambda h: (im(h, (9, 14)), 9), "n must be smaller than the image size along the difference.", "DiffVDM"),
+    ("KIXRemoveSISpikeNoise", lambda h: (SI(h), 2, 3.0, 4, cnt(h), SI(h, (10, 3, 5))), SIZE, "SIRemoveSpikeNoiseDM"),
+    ("KIXRemoveSISpikeNoise", lambda h: (SI(h), 2, 3.0, 4, cnt(h, (3, 5)), SI(h)), SIZE, "SIRemoveSpikeNoiseDM"),
+    ("KIXRemoveSISpikeNoise", lambda h: (SI(h), 2, 3.0, 4, cnt(h, (2, 3, 4)), SI(h)), SIZE, "SIRemoveSpikeNoiseDM"),
+    ("KIXRemoveSISpikeNoise", lambda h: (lambda c: (c, 2, 3.0, 4, cnt(h), c))(SI(h, t=np.complex64)), TYPE,
+     "SIRemoveSpikeNoiseDM"),
+    ("KIXRemoveSISpikeNoise", lambda h: (SI(h), 2, 3.0, 4, cnt(h), SI(h, t=np.float64)), TYPE, "SIRemoveSpikeNoiseDM"),
+    ("KIXRemoveSISpikeNoise", lambda h: (SI(h), -2, 3.0, 4, cnt(h), SI(h)), PARAMS, "SIRemoveSpikeNoiseDM"),
+])
+def test_messages_in_order(host, fn, args, want, ctx):
+    call = host.library_call if fn in LIBRARY else host.call
+    assert script_error(call, fn, *args(host)) == (want, ctx)
 
 
 # ------------------------------------------------------------ registration
@@ -475,8 +444,7 @@ def test_registered_in_their_lists(host):
     assert sigs[:len(first)] == first
     tail = ["ImageRef KIXMaximumFilterDLL(ImageRef imgSrc, long nRad, ImageRef imgDst)",
             "ImageRef KIXDiffHDLL(ImageRef src,long     n )", "ImageRef KIXDiffVDLL(ImageRef src,long     n )"]
-    at = [sigs.index(s) for s in tail]
-    assert at == sorted(at) and at[0] < sigs.index("void KIXSetUseSIMD(long isUseSIMD)")
+    assert in_order(tail + ["void KIXSetUseSIMD(long isUseSIMD)"], sigs)
     spike = ("long KIXRemoveSISpikeNoise(ImageRef tokIn, long\t  MeanWidth, float    Tol, long\t  LargeSize, "
              "ImageRef tokCount, ImageRef tokOut)")
     assert sigs.count(spike) == 1
@@ -485,8 +453,7 @@ def test_registered_in_their_lists(host):
              "KIXMovingAverageZ(", "KIXGaussianBlur(", "KIXMaximumFilter(", "KIXMinimumFilter(",
              "KIXMedianFilter(ImageRef imgSrc, long nRad, ImageRef imgDst , long nUseZeroPadding )",
              "KIXMedianFilter(ImageRef imgSrc, long nRad, ImageRef imgDst)", "KIXRadialSurvey(", "KIXGetCenterOfMass("]
-    at = [next(i for i, s in enumerate(lib) if n in s) for n in names]
-    assert at == sorted(at)
+    assert in_order(names, [n for s in lib for n in names if n in s])
     for n in names:
         assert not any(n in s for s in sigs), n
 

@@ -43,18 +43,13 @@ def call(host, kind, img, fA, fB, fC, dst=None):
 @pytest.mark.parametrize("shape", [(1, 1, 37), (1, 16, 9), (5, 8, 33), (3, 1, 7)], ids=str)
 def test_parametric_windows_match_their_formula(host, rng, kind, dtype, shape):
     a = random_array(rng, shape, dtype)
-    if np.iscomplexobj(a):
-        fA, fB, fC = 0.5 - 1.5j, 0.75 + 0.25j, -2 + 1j
-    else:
-        fA, fB, fC = 0.5, 0.75, -2.0
+    fA, fB, fC = (0.5 - 1.5j, 0.75 + 0.25j, -2 + 1j) if np.iscomplexobj(a) else (0.5, 0.75, -2.0)
     src = host.image(a, name="src")
     out = call(host, kind, src, fA, fB, fC)
     assert out.name == "src" and out.data_type == src.data_type  # a clone of the source
     np.testing.assert_array_equal(src.numpy(), a)
-    single = np.dtype(dtype) in (np.float32, np.complex64)
-    eps = 4e-7 if single else 1e-15
-    expect = window_ref(kind, a, fA, fB, fC)
-    np.testing.assert_allclose(out.numpy(), expect, rtol=0, atol=eps * 8 * (np.abs(a).max() + 3))
+    eps = 4e-7 if np.dtype(dtype) in (np.float32, np.complex64) else 1e-15
+    np.testing.assert_allclose(out.numpy(), window_ref(kind, a, fA, fB, fC), rtol=0, atol=eps * 8 * (np.abs(a).max() + 3))
 
 
 def test_window_golden_values(host):

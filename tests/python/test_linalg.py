@@ -81,18 +81,6 @@ def test_product_on_subareas_and_in_place(host, rng):
     np.testing.assert_allclose(img.numpy(), s @ s.T, rtol=1e-13, atol=1e-13)
 
 
-def test_product_messages_in_order(host):
-    f4, f8 = host.image(np.ones((2, 2), np.float32)), host.image(np.ones((2, 2)))
-    i4 = host.image(np.ones((2, 2), np.int32))
-    mm = lambda *imgs: host.call("KIXMatrixMultiply", False, False, False, 1.0, imgs[0], imgs[1], 0.0, imgs[2])
-    assert script_error(mm, i4, host.image(np.ones((3, 3), np.int32)), f8) == \
-        ("All data type should be Real.", "kix::MatrixMultiplyDM")
-    assert script_error(mm, f4, f8, host.image(np.ones((3, 3))))[0] == SAME
-    assert script_error(mm, f8, host.image(np.ones((3, 2))), f8)[0] == SIZE
-    assert script_error(mm, f8, f8, host.image(np.ones((2, 3))))[0] == SIZE
-    assert script_error(mm, f8, f8, host.image(np.ones((2, 2, 2))))[0] == SIZE
-
-
 # ------------------------------------------------------------------ inverse
 @pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
 @pytest.mark.parametrize("n", [1, 2, 3, 8, 31, 64])
@@ -122,12 +110,6 @@ def test_inverse_edge_cases(host):
     assert keep.numpy()[0, 0] == 7  # a singular matrix leaves the destination alone
     sing = host.image(np.array([[1.0, 2, 3], [2, 4, 6], [0, 1, 1]]))
     assert host.call("KIXMatrixInverse", sing, host.image(np.zeros((3, 3)))) > 0
-    inv = lambda a, d: host.call("KIXMatrixInverse", a, d)
-    assert script_error(inv, host.image(np.ones((2, 2), np.int16)), host.image(np.ones((2, 2)))) == \
-        (REAL48, "kix::MatrixInverseDM")
-    assert script_error(inv, host.image(np.ones((2, 2))), host.image(np.ones((2, 2), np.float32)))[0] == SAME
-    assert script_error(inv, host.image(np.ones((2, 3))), host.image(np.ones((2, 3))))[0] == BAD_SIZE
-    assert script_error(inv, host.image(np.ones((3, 3))), host.image(np.ones((2, 2))))[0] == BAD_SIZE
 
 
 # ---------------------------------------------------------------- LU solve
@@ -150,7 +132,7 @@ def test_lu_solve_both_forms(host, rng, dtype, n, nrhs):
     np.testing.assert_array_equal(ib.numpy(), b)
 
 
-def test_lu_singular_and_sizes(host):
+def test_lu_singular(host):
     sing = host.image(np.array([[1.0, 2], [2, 4]]))
     b = host.image(np.ones((2, 1)))
     dst = host.image(np.full((2, 1), 5.0))
@@ -158,12 +140,6 @@ def test_lu_singular_and_sizes(host):
     np.testing.assert_array_equal(dst.numpy(), 5.0)
     msg, ctx = script_error(host.call, "KIXLUDecompositionF", sing, b)
     assert re.fullmatch(r"error at LUDecomposition\(\d+\):2", msg) and ctx == "kix::LUDecompositionFDM"
-    lu = lambda *a: host.call("KIXLUDecompositionF", *a)
-    assert script_error(lu, host.image(np.ones((2, 2), np.uint8)), b)[0] == REAL48
-    assert script_error(lu, sing, host.image(np.ones((2, 1), np.float32)))[0] == SAME
-    assert script_error(lu, host.image(np.ones((2, 3))), b)[0] == BAD_SIZE
-    assert script_error(lu, sing, host.image(np.ones((3, 1))))[0] == BAD_SIZE
-    assert script_error(lu, sing, b, host.image(np.ones((2, 2))))[0] == BAD_SIZE
 
 
 # --------------------------------------------------------- banded Cholesky
@@ -198,18 +174,10 @@ def test_banded_cholesky_against_dense_solve(host, rng, dtype, uplo, n, kd, nrhs
     np.testing.assert_array_equal(ib.numpy(), b.astype(dtype))
 
 
-def test_banded_cholesky_messages(host):
-    ab, b = host.image(np.array([[0.0, 1, 1], [2, 2, 2]])), host.image(np.ones((3, 1)))
-    chol = lambda *args: host.call("KIXBandedCholDecompositionF", *args)
-    assert script_error(chol, ab, b, "u", 1) == ("'uplo' should be 'U' or 'L'.", "kix::BandedCholDecompositionFDM")
-    assert script_error(chol, host.image(np.ones((2, 3), np.int8)), b, "x", 1)[0] == "'uplo' should be 'U' or 'L'."
-    assert script_error(chol, host.image(np.ones((2, 3), np.int8)), b, "U", 1)[0] == REAL48
-    assert script_error(chol, ab, host.image(np.ones((3, 1), np.float32)), "U", 1)[0] == SAME
-    assert script_error(chol, ab, b, "U", 2)[0] == BAD_SIZE          # kd + 1 rows
-    assert script_error(chol, ab, host.image(np.ones((2, 1))), "U", 1)[0] == BAD_SIZE
+def test_banded_cholesky_not_positive_definite(host):
     # Not positive definite: the leading minor of order 2 is 2*2 - 3*3 < 0.
     bad = host.image(np.array([[0.0, 3, 0], [2, 2, 2]]))
-    msg = script_error(chol, bad, b, "U", 1)[0]
+    msg = script_error(host.call, "KIXBandedCholDecompositionF", bad, host.image(np.ones((3, 1))), "U", 1)[0]
     assert re.fullmatch(r"error at BandedCholDecomposition\(\d+\):2", msg)
 
 
@@ -254,10 +222,6 @@ def test_tridiagonal_info_and_messages(host):
         ("Invalid pivot indices.", "kix::gttrsDM")
     assert script_error(host.call, "KIXgttrf", 3, *band, ones(3, np.float32), 0)[0] == \
         "Pivot indices should be Integer 4."
-    assert script_error(host.call, "KIXgttrf", 3, ones(2, np.int16), *band[1:], ipiv, 0)[0] == REAL48
-    assert script_error(host.call, "KIXgttrf", 3, ones(2, np.float32), *band[1:], ipiv, 0)[0] == SAME
-    assert script_error(host.call, "KIXgttrf", 4, *band, ipiv, 0)[0] == BAD_SIZE
-    assert script_error(host.call, "KIXgttrs", "N", 3, 2, *band, ipiv, b, 3, 0)[0] == BAD_SIZE
 
 
 # ---------------------------------------------------------------- division
@@ -273,18 +237,52 @@ def test_left_division_is_solve_or_least_squares(host, rng, dtype, m, n, nrhs):
     np.testing.assert_allclose(x.numpy(), want, atol=tol)
 
 
-def test_left_division_messages(host):
-    ld = lambda a, b: host.call("KIXLDivideDLL", host.image(a), host.image(b))
-    assert script_error(ld, np.ones((2, 2)), np.ones((3, 1))) == \
-        ("A and B should have the same number of rows.", "kix::LDivideDM")
-    assert script_error(ld, np.ones((2, 2)), np.ones((2, 1)))[0] == "Matrix is singular."
-    assert script_error(ld, np.ones((2, 2), np.int32), np.ones((2, 1)))[0] == REAL48
-    assert script_error(ld, np.ones((2, 2), np.float32), np.ones((2, 1)))[0] == SAME
-
-
 def test_least_squares_refuses_non_finite_matrices(host):
     # LAPACK's scaling step would report an illegal argument through xerbla.
     a = np.ones((4, 5), np.float32)
     a[1, 2] = np.inf
     with pytest.raises(kix.ScriptError, match=r"^Matrix contains NaN or infinite values\.$"):
         host.call("KIXLDivideDLL", host.image(a), host.image(np.ones((4, 2), np.float32)))
+
+
+# ---------------------------------------------------------------- messages
+im = lambda h, shape=(2, 2), t=np.float64: h.image(np.ones(shape, t))
+band = lambda h, t=np.float64: [im(h, 2, t), im(h, 3), im(h, 2), im(h, 1)]
+piv = lambda h: h.image(np.zeros(3, np.int32))
+MM = lambda *imgs: (False, False, False, 1.0, imgs[0], imgs[1], 0.0, imgs[2])
+AB = lambda h: h.image(np.array([[0.0, 1, 1], [2, 2, 2]]))
+
+
+@pytest.mark.parametrize("fn,args,want", [
+    ("MatrixMultiply", lambda h: MM(im(h, t=np.int32), im(h, (3, 3), np.int32), im(h)), "All data type should be Real."),
+    ("MatrixMultiply", lambda h: MM(im(h, t=np.float32), im(h), im(h, (3, 3))), SAME),
+    ("MatrixMultiply", lambda h: MM(im(h), im(h, (3, 2)), im(h)), SIZE),
+    ("MatrixMultiply", lambda h: MM(im(h), im(h), im(h, (2, 3))), SIZE),
+    ("MatrixMultiply", lambda h: MM(im(h), im(h), im(h, (2, 2, 2))), SIZE),
+    ("MatrixInverse", lambda h: (im(h, t=np.int16), im(h)), REAL48),
+    ("MatrixInverse", lambda h: (im(h), im(h, t=np.float32)), SAME),
+    ("MatrixInverse", lambda h: (im(h, (2, 3)), im(h, (2, 3))), BAD_SIZE),
+    ("MatrixInverse", lambda h: (im(h, (3, 3)), im(h)), BAD_SIZE),
+    ("LUDecompositionF", lambda h: (im(h, t=np.uint8), im(h, (2, 1))), REAL48),
+    ("LUDecompositionF", lambda h: (im(h), im(h, (2, 1), np.float32)), SAME),
+    ("LUDecompositionF", lambda h: (im(h, (2, 3)), im(h, (2, 1))), BAD_SIZE),
+    ("LUDecompositionF", lambda h: (im(h), im(h, (3, 1))), BAD_SIZE),
+    ("LUDecompositionF", lambda h: (im(h), im(h, (2, 1)), im(h)), BAD_SIZE),
+    ("BandedCholDecompositionF", lambda h: (AB(h), im(h, (3, 1)), "u", 1), "'uplo' should be 'U' or 'L'."),
+    ("BandedCholDecompositionF", lambda h: (im(h, (2, 3), np.int8), im(h, (3, 1)), "x", 1), "'uplo' should be 'U' or 'L'."),
+    ("BandedCholDecompositionF", lambda h: (im(h, (2, 3), np.int8), im(h, (3, 1)), "U", 1), REAL48),
+    ("BandedCholDecompositionF", lambda h: (AB(h), im(h, (3, 1), np.float32), "U", 1), SAME),
+    ("BandedCholDecompositionF", lambda h: (AB(h), im(h, (3, 1)), "U", 2), BAD_SIZE),  # kd + 1 rows
+    ("BandedCholDecompositionF", lambda h: (AB(h), im(h, (2, 1)), "U", 1), BAD_SIZE),
+    ("gttrf", lambda h: (3, *band(h, np.int16), piv(h), 0), REAL48),
+    ("gttrf", lambda h: (3, *band(h, np.float32), piv(h), 0), SAME),
+    ("gttrf", lambda h: (4, *band(h), piv(h), 0), BAD_SIZE),
+    ("gttrs", lambda h: ("N", 3, 2, *band(h), piv(h), im(h, 3), 3, 0), BAD_SIZE),
+    ("LDivideDLL", lambda h: (im(h), im(h, (3, 1))), "A and B should have the same number of rows."),
+    ("LDivideDLL", lambda h: (im(h), im(h, (2, 1))), "Matrix is singular."),
+    ("LDivideDLL", lambda h: (im(h, t=np.int32), im(h, (2, 1))), REAL48),
+    ("LDivideDLL", lambda h: (im(h, t=np.float32), im(h, (2, 1))), SAME),
+])
+def test_messages_in_order(host, fn, args, want):
+    ctx = "kix::" + fn.removesuffix("DLL") + "DM"
+    assert script_error(host.call, "KIX" + fn, *args(host)) == (want, ctx)
