@@ -43,7 +43,8 @@ fuzz: build
 	set -e; for t in $(FUZZERS); do \
 	  mkdir -p $(FUZZ_BUILD)/corpus-$$t; \
 	  (cd $(FUZZ_BUILD) && ./$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=30 -rss_limit_mb=4096 \
-	     -detect_leaks=0 -print_final_stats=1 corpus-$$t $(CURDIR)/fuzz/corpus/$$t 2>&1 | tail -n 12); \
+	     -detect_leaks=0 -print_final_stats=1 corpus-$$t $(CURDIR)/fuzz/corpus/$$t > fuzz-$$t.log 2>&1; \
+	   status=$$?; tail -n 12 fuzz-$$t.log; exit $$status); \
 	done
 
 demo: build
