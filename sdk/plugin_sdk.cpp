@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <stdexcept>
 
 #include "script_glue.hpp"
 
@@ -83,6 +85,10 @@ void ReportCurrentException() noexcept {
     }
     try {
         throw;
+    } catch (const std::bad_alloc&) {
+        // An image or buffer larger than the machine can hold: said plainly,
+        // since the library's own text ("std::bad_alloc") tells a script user nothing.
+        manager->HandleContinuableError(std::runtime_error("Not enough memory for this operation."), context);
     } catch (const std::exception& e) {
         manager->HandleContinuableError(e, context);
     } catch (...) {

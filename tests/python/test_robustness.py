@@ -92,3 +92,19 @@ def test_binary_and_integer_sources_are_read_converted(host):
     out = host.call("KIXAdd", mask, ints, None)
     assert out.numpy().dtype == np.float32
     assert out.numpy().tolist() == [[-2.0, 4.0, 101.0]]
+
+
+def overcommit_refuses_huge():
+    try:
+        with open("/proc/sys/vm/overcommit_memory") as f:
+            return f.read().strip() == "0"  # the heuristic refuses requests beyond memory and swap
+    except OSError:
+        return False
+
+
+@pytest.mark.skipif(not overcommit_refuses_huge(), reason="the system would grant a 1.6 TB request")
+def test_an_image_too_large_for_the_machine_is_a_clear_error(host):
+    a = host.image(np.ones((2048, 2048), np.float32))
+    with pytest.raises(kix.ScriptError, match=r"^Not enough memory for this operation\.$"):
+        host.call("KIXLinearWarpX", a, 1e5, None)  # 204800000 x 2048 pixels
+    assert host.call("KIXGetVersion") == 0x03000000
