@@ -24,8 +24,6 @@
 #include "vorn/dm/data_type.hpp"
 #include "vorn/dm/geometry.hpp"
 
-#define VORN_ASSERT(cond) ((cond) ? (void)0 : ::kix::assertion_failed(#cond, "image.hpp", __LINE__))
-
 namespace vorn::dm {
 
 // The messages of the view rules, raised with the running handler's context.
@@ -87,7 +85,7 @@ protected:
         std::int64_t n = 1;
         for (std::uint32_t i = 0; i < ndim_; ++i) {
             const std::uint32_t nDim = i;
-            VORN_ASSERT(nDim < 4);
+            KIX_ASSERT(nDim < 4);
             n *= size_[nDim];
         }
         return n;
@@ -121,18 +119,18 @@ public:
     explicit image(const pixels& p) : pixels(p) { typed(); }
 
     T& operator()(std::int64_t x) const {
-        VORN_ASSERT(x < this->size());
+        KIX_ASSERT(x < this->size());
         return data()[x];
     }
     T& operator()(std::int64_t x, std::int64_t y) const {
-        VORN_ASSERT(x < this->size(0));
-        VORN_ASSERT(y < this->size(1));
+        KIX_ASSERT(x < this->size(0));
+        KIX_ASSERT(y < this->size(1));
         return data()[x + y * rows_];
     }
     T& operator()(std::int64_t x, std::int64_t y, std::int64_t z) const {
-        VORN_ASSERT(x < this->size(0));
-        VORN_ASSERT(y < this->size(1));
-        VORN_ASSERT(z < this->size(2));
+        KIX_ASSERT(x < this->size(0));
+        KIX_ASSERT(y < this->size(1));
+        KIX_ASSERT(z < this->size(2));
         return data()[x + y * rows_ + z * planes_];
     }
 
