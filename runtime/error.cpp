@@ -5,8 +5,6 @@ namespace {
 thread_local const char* tContext = nullptr;
 }
 
-const char* current_context() noexcept { return tContext; }
-
 const char* exchange_context(const char* context) noexcept {
     const char* previous = tContext;
     tContext = context;

@@ -23,9 +23,8 @@ private:
     const char* context_;
 };
 
-// The context name of the handler running on this thread (null outside one).
-const char* current_context() noexcept;
-// Makes `context` current and answers the previous one (the handler's timing scope uses it).
+// Makes `context` the context of the handler running on this thread and
+// answers the previous one (the handler's timing scope uses it).
 const char* exchange_context(const char* context) noexcept;
 
 // Raises Error with the message under the current context.
