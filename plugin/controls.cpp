@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "plugin/registry.hpp"
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 #include "runtime/trace.hpp"
 
@@ -37,7 +38,7 @@ std::int32_t GetNumThreadsDM() {
 
 std::int32_t GetMaxThreadsDM() {
     Call call("kix::GetMaxThreadsDM");
-    return omp_get_max_threads();
+    return num_threads();
 }
 
 void SetUseSIMDDM(std::int32_t use) {

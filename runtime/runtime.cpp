@@ -7,6 +7,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "runtime/pool.hpp"
+
 extern "C" void openblas_set_num_threads(int num_threads);
 
 namespace kix {
@@ -79,6 +81,7 @@ void set_num_threads(int n) {
         fftw_init_threads();
         fftwf_init_threads();
     });
+    pool_detail::set_threads(n);
     omp_set_num_threads(n);
     openblas_set_num_threads(n);
     fftw_plan_with_nthreads(n);

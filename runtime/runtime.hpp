@@ -49,7 +49,8 @@ const char* isa_name(int level) noexcept;
         default: return sse2::call;                       \
     }
 
-// Threads used by OpenMP loops, FFTW plans and OpenBLAS alike.  Counts above
+// Threads used by the module's parallel loops (runtime/pool.hpp), the OpenMP
+// loops that remain, FFTW plans and OpenBLAS alike.  Counts above
 // kMaxThreads are held to it: each thread costs a stack and a slot in every
 // library's pool, and far more threads than cores only slow kernels down.
 inline constexpr int kMaxThreads = 256;

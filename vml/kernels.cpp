@@ -7,6 +7,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 #include "vml/simd.hpp"
 
@@ -94,16 +95,8 @@ const simd::Table<E>& table() noexcept {
 // the system delays (the cores are shared) does not hold up the others.
 template <class F>
 void chunked(std::int64_t n, F&& f) {
-    if (n <= 2 * kChunk) {
-        f(std::int64_t(0), n);
-        return;
-    }
-    const std::int64_t chunks = (n + kChunk - 1) / kChunk;
-#pragma omp parallel for schedule(dynamic)
-    for (std::int64_t c = 0; c < chunks; ++c) {
-        const std::int64_t first = c * kChunk;
-        f(first, std::min(kChunk, n - first));
-    }
+    parallel_for(n, n <= 2 * kChunk ? n : kChunk,
+                 [&](std::int64_t first, std::int64_t last) { f(first, last - first); });
 }
 
 template <class T>
@@ -182,7 +175,7 @@ void complex_binary(simd::CBinary op, const C* a, const C* b, C* y, std::int64_t
     chunked(n, [&](std::int64_t i, std::int64_t m) { f(parts(a + i), parts(b + i), parts(y + i), m, nt); });
 }
 
-// Pixel by pixel (with OpenMP over chunks) for members without a vector body.
+// Pixel by pixel (with the threads over chunks) for members without a vector body.
 template <class T, class F>
 void each(const T* x, T* y, std::int64_t n, F f) {
     chunked(n, [&](std::int64_t i, std::int64_t m) {

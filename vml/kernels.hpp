@@ -2,7 +2,7 @@
 //
 // Every kernel accepts its result in the place of an argument (y == x: in
 // place); partly overlapping buffers are the caller's to refuse.  Large
-// buffers are split into chunks of 64 Ki pixels shared among the OpenMP
+// buffers are split into chunks of 64 Ki pixels shared among the
 // threads; small ones run on the calling thread.  Real members use SLEEF's
 // 1-ulp vector functions of the widest instruction set the processor has;
 // the members SLEEF lacks are built from what it has (InvSqrt, InvCbrt,
