@@ -1,7 +1,6 @@
 #include "fft/plan_cache.hpp"
 
 #include <fftw3.h>
-#include <omp.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 
 namespace kix::fft {
 namespace {
@@ -145,7 +145,7 @@ int threads_for(const Problem& p) {
     std::int64_t points = 1;
     for (int i = 0; i < p.rank; ++i) points *= p.dims[i].n;
     for (int i = 0; i < p.loops; ++i) points *= p.loop[i].n;
-    return points <= kSerialPoints ? 1 : std::max(1, omp_get_max_threads());
+    return points <= kSerialPoints ? 1 : num_threads();
 }
 
 class Cache {
@@ -183,6 +183,9 @@ public:
             std::call_once(threads_once, [] {
                 fftw_init_threads();
                 fftwf_init_threads();
+                // Plans with several threads run their parts on the module's pool.
+                fftw_threads_set_callback(fftw_parallel_loop, nullptr);
+                fftwf_threads_set_callback(fftw_parallel_loop, nullptr);
             });
             const Policy how = policy();
             measure_ = how != Policy::Estimate;

@@ -1,6 +1,4 @@
 // Finite differences: n single-precision forward-difference steps per line.
-#include <omp.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -8,6 +6,7 @@
 
 #include "filters/kernels.hpp"
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 
 namespace kix::filters {
 
@@ -21,11 +20,13 @@ void difference(int axis, const float* in, const Geometry& gi, float* out, const
     const std::int64_t len = axis == 0 ? gi.nx : gi.ny;
     KIX_ASSERT(n < len);
     const std::int64_t lines = axis == 0 ? gi.ny * gi.nz : gi.nx * gi.nz;
-#pragma omp parallel if (gi.count() * std::max<std::int64_t>(n, 1) >= kParallelMin)
-    {
+    // Each line costs about len * max(n, 1) operations.
+    const std::int64_t grain = gi.count() * std::max<std::int64_t>(n, 1) >= kParallelMin
+                                   ? grain_for(len * std::max<std::int64_t>(n, 1))
+                                   : lines;
+    parallel_for(lines, grain, [&](std::int64_t l0, std::int64_t l1) {
         std::vector<float> line(static_cast<std::size_t>(len));
-#pragma omp for schedule(static)
-        for (std::int64_t l = 0; l < lines; ++l) {
+        for (std::int64_t l = l0; l < l1; ++l) {
             std::int64_t ioff, ooff, istep, ostep;
             if (axis == 0) {
                 const std::int64_t y = l % gi.ny, z = l / gi.ny;
@@ -40,7 +41,7 @@ void difference(int axis, const float* in, const Geometry& gi, float* out, const
                 for (std::int64_t i = 0; i < len - s; ++i) line[i] = line[i + 1] - line[i];
             for (std::int64_t i = 0; i < len - n; ++i) out[ooff + i * ostep] = line[i];
         }
-    }
+    });
 }
 
 }  // namespace kix::filters

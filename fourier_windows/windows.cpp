@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "fourier_windows/kernels.hpp"
+#include "runtime/pool.hpp"
 #include "vorn/dm/data_type.hpp"
 
 namespace kix::windows {
@@ -29,16 +30,17 @@ void ft_window(Strided<const float> src, int mode, Strided<float> dst) {
         for (std::int64_t y = 0; y < H; ++y) wy[y] = std::cos((float(y) * iy - 0.5f) * kPiF);
     }
     const float* tx = wx.data();
-#pragma omp parallel for schedule(static) if (W * H >= kParallelPixels)
-    for (std::int64_t y = 0; y < H; ++y) {
-        const float* s = src.row(y);
-        float* d = dst.row(y);
-        const float fy = wy[y];
-        if (mode == 0)
-            for (std::int64_t x = 0; x < W; ++x) d[x] = s[x] * 0.25f * tx[x] * fy;
-        else
-            for (std::int64_t x = 0; x < W; ++x) d[x] = s[x] * tx[x] * fy;
-    }
+    parallel_for(H, W * H >= kParallelPixels ? grain_for(W) : H, [&](std::int64_t y0, std::int64_t y1) {
+        for (std::int64_t y = y0; y < y1; ++y) {
+            const float* s = src.row(y);
+            float* d = dst.row(y);
+            const float fy = wy[y];
+            if (mode == 0)
+                for (std::int64_t x = 0; x < W; ++x) d[x] = s[x] * 0.25f * tx[x] * fy;
+            else
+                for (std::int64_t x = 0; x < W; ++x) d[x] = s[x] * tx[x] * fy;
+        }
+    });
 }
 
 template <class R>
@@ -70,14 +72,16 @@ void window(Kind kind, Strided<const T> src, T fA, T fB, T fC, Strided<T> dst) {
     const T base = T(R(1)) - fB;
     const R* tx = ax.data();
     const std::int64_t nx = g.nx;
-#pragma omp parallel for collapse(2) schedule(static) if (g.count() >= kParallelPixels)
-    for (std::int64_t z = 0; z < g.nz; ++z)
-        for (std::int64_t y = 0; y < g.ny; ++y) {
+    const std::int64_t ny = g.ny, rows = g.nz * g.ny;
+    parallel_for(rows, g.count() >= kParallelPixels ? grain_for(nx) : rows, [&](std::int64_t r0, std::int64_t r1) {
+        for (std::int64_t r = r0; r < r1; ++r) {
+            const std::int64_t z = r / ny, y = r % ny;
             const T gyz = gain * az[z] * ay[y];
             const T* s = src.row(y, z);
             T* d = dst.row(y, z);
             for (std::int64_t x = 0; x < nx; ++x) d[x] = (s[x] + fA) * (base + gyz * tx[x]) + fC;
         }
+    });
 }
 
 template std::vector<float> axis_factors<float>(Kind, std::int64_t);

@@ -9,6 +9,7 @@
 
 #include "geometry/kernels.hpp"
 #include "geometry/simd.hpp"
+#include "runtime/pool.hpp"
 #include "vorn/dm/data_type.hpp"
 
 namespace kix::geometry {
@@ -40,6 +41,16 @@ inline T crossed(T p00, T p10, T p01, T p11, float fx, float fy) {
 }
 
 bool parallel(const Geometry& g) { return g.count() >= kParallelPixels; }
+
+// f(z, y) for the ny rows of each of nz planes, rows of nx pixels shared
+// among the threads when `threads` is set.
+template <class F>
+void each_row(std::int64_t nz, std::int64_t ny, std::int64_t nx, bool threads, F&& f) {
+    const std::int64_t rows = nz * ny;
+    parallel_for(rows, threads ? grain_for(nx) : rows, [&](std::int64_t r0, std::int64_t r1) {
+        for (std::int64_t r = r0; r < r1; ++r) f(r / ny, r % ny);
+    });
+}
 
 }  // namespace
 
@@ -74,43 +85,37 @@ void warp_x(Strided<const T> src, double c, float offset, Strided<T> dst) {
     const float* f = m.f.data();
     // Rows are independent; within a row the columns go first to last, which
     // is what an in-place call (dst the same pixels) reads back.
-#pragma omp parallel for collapse(2) schedule(static) if (parallel(dst.g))
-    for (std::int64_t z = 0; z < nz; ++z)
-        for (std::int64_t y = 0; y < ny; ++y) {
-            const T* s = src.row(y, z);
-            T* d = dst.row(y, z);
-            for (std::int64_t x = 0; x < nx; ++x) d[x] = blend(s[i0[x]], s[i1[x]], f[x]);
-        }
+    each_row(nz, ny, nx, parallel(dst.g), [&](std::int64_t z, std::int64_t y) {
+        const T* s = src.row(y, z);
+        T* d = dst.row(y, z);
+        for (std::int64_t x = 0; x < nx; ++x) d[x] = blend(s[i0[x]], s[i1[x]], f[x]);
+    });
 }
 
 template <class T>
 void warp_y(Strided<const T> src, double c, float offset, Strided<T> dst) {
     const AxisMap m = axis_map(dst.g.ny, src.g.ny, c, offset);
     const std::int64_t nx = std::min(src.g.nx, dst.g.nx), ny = dst.g.ny, nz = std::min(src.g.nz, dst.g.nz);
-#pragma omp parallel for collapse(2) schedule(static) if (parallel(dst.g))
-    for (std::int64_t z = 0; z < nz; ++z)
-        for (std::int64_t y = 0; y < ny; ++y) {
-            const T* __restrict r0 = src.row(m.i0[y], z);
-            const T* __restrict r1 = src.row(m.i1[y], z);
-            T* __restrict d = dst.row(y, z);
-            const float f = m.f[y];
-            for (std::int64_t x = 0; x < nx; ++x) d[x] = blend(r0[x], r1[x], f);
-        }
+    each_row(nz, ny, nx, parallel(dst.g), [&](std::int64_t z, std::int64_t y) {
+        const T* __restrict r0 = src.row(m.i0[y], z);
+        const T* __restrict r1 = src.row(m.i1[y], z);
+        T* __restrict d = dst.row(y, z);
+        const float f = m.f[y];
+        for (std::int64_t x = 0; x < nx; ++x) d[x] = blend(r0[x], r1[x], f);
+    });
 }
 
 template <class T>
 void warp_z(Strided<const T> src, double c, float offset, Strided<T> dst) {
     const AxisMap m = axis_map(dst.g.nz, src.g.nz, c, offset);
     const std::int64_t nx = std::min(src.g.nx, dst.g.nx), ny = std::min(src.g.ny, dst.g.ny), nz = dst.g.nz;
-#pragma omp parallel for collapse(2) schedule(static) if (parallel(dst.g))
-    for (std::int64_t z = 0; z < nz; ++z)
-        for (std::int64_t y = 0; y < ny; ++y) {
-            const T* __restrict r0 = src.row(y, m.i0[z]);
-            const T* __restrict r1 = src.row(y, m.i1[z]);
-            T* __restrict d = dst.row(y, z);
-            const float f = m.f[z];
-            for (std::int64_t x = 0; x < nx; ++x) d[x] = blend(r0[x], r1[x], f);
-        }
+    each_row(nz, ny, nx, parallel(dst.g), [&](std::int64_t z, std::int64_t y) {
+        const T* __restrict r0 = src.row(y, m.i0[z]);
+        const T* __restrict r1 = src.row(y, m.i1[z]);
+        T* __restrict d = dst.row(y, z);
+        const float f = m.f[z];
+        for (std::int64_t x = 0; x < nx; ++x) d[x] = blend(r0[x], r1[x], f);
+    });
 }
 
 template <class T>
@@ -122,27 +127,24 @@ void warp_xy(Strided<const T> src, double cx, double cy, float offset, Strided<T
         if (use_vector_rows() && src.g.nx < (std::int64_t(1) << 31)) {
             // Column indices in 32 bits for the gathers.
             const std::vector<std::int32_t> x0(mx.i0.begin(), mx.i0.end()), x1(mx.i1.begin(), mx.i1.end());
-#pragma omp parallel for collapse(2) schedule(static) if (parallel(dst.g))
-            for (std::int64_t z = 0; z < nz; ++z)
-                for (std::int64_t y = 0; y < ny; ++y)
-                    avx512::crossed_row(src.row(my.i0[y], z), src.row(my.i1[y], z), x0.data(), x1.data(),
-                                        mx.f.data(), my.f[y], dst.row(y, z), nx, src.g.nx);
+            each_row(nz, ny, nx, parallel(dst.g), [&](std::int64_t z, std::int64_t y) {
+                avx512::crossed_row(src.row(my.i0[y], z), src.row(my.i1[y], z), x0.data(), x1.data(),
+                                    mx.f.data(), my.f[y], dst.row(y, z), nx, src.g.nx);
+            });
             return;
         }
     }
     const std::int64_t* x0 = mx.i0.data();
     const std::int64_t* x1 = mx.i1.data();
     const float* fx = mx.f.data();
-#pragma omp parallel for collapse(2) schedule(static) if (parallel(dst.g))
-    for (std::int64_t z = 0; z < nz; ++z)
-        for (std::int64_t y = 0; y < ny; ++y) {
-            const T* __restrict r0 = src.row(my.i0[y], z);
-            const T* __restrict r1 = src.row(my.i1[y], z);
-            T* __restrict d = dst.row(y, z);
-            const float fy = my.f[y];
-            for (std::int64_t x = 0; x < nx; ++x)
-                d[x] = crossed(r0[x0[x]], r0[x1[x]], r1[x0[x]], r1[x1[x]], fx[x], fy);
-        }
+    each_row(nz, ny, nx, parallel(dst.g), [&](std::int64_t z, std::int64_t y) {
+        const T* __restrict r0 = src.row(my.i0[y], z);
+        const T* __restrict r1 = src.row(my.i1[y], z);
+        T* __restrict d = dst.row(y, z);
+        const float fy = my.f[y];
+        for (std::int64_t x = 0; x < nx; ++x)
+            d[x] = crossed(r0[x0[x]], r0[x1[x]], r1[x0[x]], r1[x1[x]], fx[x], fy);
+    });
 }
 
 template <class T>
@@ -154,21 +156,19 @@ void warp_xyz(Strided<const T> src, const double* c, float offset, Strided<T> ds
     const std::int64_t* x0 = mx.i0.data();
     const std::int64_t* x1 = mx.i1.data();
     const float* fx = mx.f.data();
-#pragma omp parallel for collapse(2) schedule(static) if (parallel(dst.g))
-    for (std::int64_t z = 0; z < nz; ++z)
-        for (std::int64_t y = 0; y < ny; ++y) {
-            const T* __restrict a0 = src.row(my.i0[y], mz.i0[z]);
-            const T* __restrict a1 = src.row(my.i1[y], mz.i0[z]);
-            const T* __restrict b0 = src.row(my.i0[y], mz.i1[z]);
-            const T* __restrict b1 = src.row(my.i1[y], mz.i1[z]);
-            T* __restrict d = dst.row(y, z);
-            const float fy = my.f[y], fz = mz.f[z];
-            for (std::int64_t x = 0; x < nx; ++x) {
-                const T p = crossed(a0[x0[x]], a0[x1[x]], a1[x0[x]], a1[x1[x]], fx[x], fy);
-                const T q = crossed(b0[x0[x]], b0[x1[x]], b1[x0[x]], b1[x1[x]], fx[x], fy);
-                d[x] = blend(p, q, fz);
-            }
+    each_row(nz, ny, nx, parallel(dst.g), [&](std::int64_t z, std::int64_t y) {
+        const T* __restrict a0 = src.row(my.i0[y], mz.i0[z]);
+        const T* __restrict a1 = src.row(my.i1[y], mz.i0[z]);
+        const T* __restrict b0 = src.row(my.i0[y], mz.i1[z]);
+        const T* __restrict b1 = src.row(my.i1[y], mz.i1[z]);
+        T* __restrict d = dst.row(y, z);
+        const float fy = my.f[y], fz = mz.f[z];
+        for (std::int64_t x = 0; x < nx; ++x) {
+            const T p = crossed(a0[x0[x]], a0[x1[x]], a1[x0[x]], a1[x1[x]], fx[x], fy);
+            const T q = crossed(b0[x0[x]], b0[x1[x]], b1[x0[x]], b1[x1[x]], fx[x], fy);
+            d[x] = blend(p, q, fz);
         }
+    });
 }
 
 #define KIX_LINEAR_WARP(T)                                                               \

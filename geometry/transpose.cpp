@@ -13,6 +13,7 @@
 
 #include "geometry/kernels.hpp"
 #include "geometry/simd.hpp"
+#include "runtime/pool.hpp"
 
 namespace kix::geometry {
 namespace {
@@ -65,15 +66,20 @@ void transpose_xz(Strided<const E> src, Strided<E> dst) {
         // In place (W = D): exchange (c, b, a) and (a, b, c) for c > a, a tile
         // pair at a time; diagonal elements stay.
         E* p = dst.data;
-#pragma omp parallel for collapse(2) schedule(dynamic) if (threads)
-        for (std::int64_t y = 0; y < H; ++y)
-            for (std::int64_t ab = 0; ab < nzb; ++ab)
+        // Units: (y, ab), a row of tile pairs each; their sizes differ, so
+        // they go one at a time to whichever thread is free.
+        const std::int64_t units = H * nzb;
+        parallel_for(units, threads ? 1 : units, [&](std::int64_t u0, std::int64_t u1) {
+            for (std::int64_t u = u0; u < u1; ++u) {
+                const std::int64_t y = u / nzb, ab = u % nzb;
                 for (std::int64_t cb = ab; cb < nxb; ++cb) {
                     const std::int64_t a_end = std::min(D, (ab + 1) * B), c_end = std::min(W, (cb + 1) * B);
                     for (std::int64_t a = ab * B; a < a_end; ++a)
                         for (std::int64_t c = std::max(cb * B, a + 1); c < c_end; ++c)
                             std::swap(p[c + y * sr + a * sp], p[a + y * sr + c * sp]);
                 }
+            }
+        });
         return;
     }
 
@@ -93,38 +99,39 @@ void transpose_xz(Strided<const E> src, Strided<E> dst) {
         // Straight from the source: each block reads one line from each of Bk
         // planes (walking along their rows) and streams one line into each of
         // Bk destination rows.
-#pragma omp parallel if (threads)
-        {
-#pragma omp for collapse(2) schedule(static)
-            for (std::int64_t y = 0; y < H; ++y)
-                for (std::int64_t zb = 0; zb < D; zb += Bk)
-                    for (std::int64_t xb = 0; xb < W; xb += Bk)
-                        block(src.data + xb + y * sr + zb * sp, sp, dst.data + zb + y * dr + xb * dp, dp,
-                              std::min(Bk, W - xb), std::min(Bk, D - zb), Bk, vector, true);
+        // Units: (y, zb), a band of Bk planes of one source row each.
+        const std::int64_t nzbk = (D + Bk - 1) / Bk, units = H * nzbk;
+        parallel_for(units, threads ? grain_for(W * Bk) : units, [&](std::int64_t u0, std::int64_t u1) {
+            for (std::int64_t u = u0; u < u1; ++u) {
+                const std::int64_t y = u / nzbk, zb = (u % nzbk) * Bk;
+                for (std::int64_t xb = 0; xb < W; xb += Bk)
+                    block(src.data + xb + y * sr + zb * sp, sp, dst.data + zb + y * dr + xb * dp, dp,
+                          std::min(Bk, W - xb), std::min(Bk, D - zb), Bk, vector, true);
+            }
             avx512::stream_fence();
-        }
+        });
         return;
     }
-#pragma omp parallel if (threads)
-    {
+    // Units: (y, xs), one strip of one slice each.
+    const std::int64_t units = H * nstrips;
+    parallel_for(units, threads ? grain_for(Cx * D) : units, [&](std::int64_t u0, std::int64_t u1) {
         std::vector<E> keep(static_cast<std::size_t>(Cx * D));
         E* buf = keep.data();  // buf[z * Cx + x] of the current strip
-#pragma omp for collapse(2) schedule(static)
-        for (std::int64_t y = 0; y < H; ++y)
-            for (std::int64_t xs = 0; xs < nstrips; ++xs) {
-                const std::int64_t x0 = xs * Cx, nx = std::min(Cx, W - x0);
-                for (std::int64_t z = 0; z < D; ++z)
-                    std::memcpy(buf + z * Cx, src.data + x0 + y * sr + z * sp, std::size_t(nx) * sizeof(E));
-                for (std::int64_t xb = 0; xb < nx; xb += Bk) {
-                    const std::int64_t bx = std::min(Bk, nx - xb);
-                    for (std::int64_t zb = 0; zb < D; zb += Bk) {
-                        block(buf + zb * Cx + xb, Cx, dst.data + zb + y * dr + (x0 + xb) * dp, dp, bx,
-                              std::min(Bk, D - zb), Bk, vector, stream);
-                    }
+        for (std::int64_t u = u0; u < u1; ++u) {
+            const std::int64_t y = u / nstrips, xs = u % nstrips;
+            const std::int64_t x0 = xs * Cx, nx = std::min(Cx, W - x0);
+            for (std::int64_t z = 0; z < D; ++z)
+                std::memcpy(buf + z * Cx, src.data + x0 + y * sr + z * sp, std::size_t(nx) * sizeof(E));
+            for (std::int64_t xb = 0; xb < nx; xb += Bk) {
+                const std::int64_t bx = std::min(Bk, nx - xb);
+                for (std::int64_t zb = 0; zb < D; zb += Bk) {
+                    block(buf + zb * Cx + xb, Cx, dst.data + zb + y * dr + (x0 + xb) * dp, dp, bx,
+                          std::min(Bk, D - zb), Bk, vector, stream);
                 }
             }
+        }
         if (stream) avx512::stream_fence();
-    }
+    });
 }
 
 template <class E>
@@ -137,29 +144,30 @@ void transpose_yz(Strided<const E> src, Strided<E> dst) {
     if (static_cast<const void*>(src.data) == static_cast<const void*>(dst.data)) {
         // In place (H = D): rows (y, z) and (z, y) change places for z > y.
         E* p = dst.data;
-#pragma omp parallel for schedule(dynamic) if (threads)
-        for (std::int64_t y = 0; y < H; ++y)
-            for (std::int64_t z = y + 1; z < D; ++z) std::swap_ranges(p + y * sr + z * sp, p + y * sr + z * sp + W, p + z * sr + y * sp);
+        parallel_for(H, threads ? 1 : H, [&](std::int64_t y0, std::int64_t y1) {
+            for (std::int64_t y = y0; y < y1; ++y)
+                for (std::int64_t z = y + 1; z < D; ++z)
+                    std::swap_ranges(p + y * sr + z * sp, p + y * sr + z * sp + W, p + z * sr + y * sp);
+        });
         return;
     }
     // dst(x, z, y) = src(x, y, z): source row y of plane z is destination row
     // z of plane y.  The destination is written in order (scattered reads cost
     // less than scattered writes, which would first read every line they fill).
     const bool stream = use_vector_rows() && W * H * D * std::int64_t(sizeof(E)) >= kStreamBytes;
-#pragma omp parallel if (threads)
-    {
-#pragma omp for collapse(2) schedule(static)
-        for (std::int64_t y = 0; y < H; ++y)
-            for (std::int64_t z = 0; z < D; ++z) {
-                E* out = dst.data + z * dr + y * dp;
-                const E* in = src.data + y * sr + z * sp;
-                if (stream)
-                    avx512::copy_stream(in, out, W * std::int64_t(sizeof(E)));
-                else
-                    std::memcpy(out, in, std::size_t(W) * sizeof(E));
-            }
+    const std::int64_t rows = H * D;
+    parallel_for(rows, threads ? grain_for(W) : rows, [&](std::int64_t r0, std::int64_t r1) {
+        for (std::int64_t r = r0; r < r1; ++r) {
+            const std::int64_t y = r / D, z = r % D;
+            E* out = dst.data + z * dr + y * dp;
+            const E* in = src.data + y * sr + z * sp;
+            if (stream)
+                avx512::copy_stream(in, out, W * std::int64_t(sizeof(E)));
+            else
+                std::memcpy(out, in, std::size_t(W) * sizeof(E));
+        }
         if (stream) avx512::stream_fence();
-    }
+    });
 }
 
 #define KIX_TRANSPOSE(E)                                               \

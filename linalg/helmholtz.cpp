@@ -14,10 +14,10 @@
 // u = back(solve_y(forward(r))) / (2n).  Every logical transform length is 2n
 // or 4n: a power-of-two number of intervals keeps FFTW on its fast paths.
 #include <fftw3.h>
-#include <omp.h>
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -28,6 +28,7 @@
 
 #include "linalg/kernels.hpp"
 #include "linalg/lapack.hpp"
+#include "runtime/pool.hpp"
 
 namespace kix::linalg {
 namespace {
@@ -122,7 +123,7 @@ private:
 };
 
 // One single-threaded in-place plan per (length, kind), made once: rows are
-// spread over OpenMP threads, so a plan must not start threads of its own.
+// spread over the module's threads, so a plan must not start threads of its own.
 template <class T>
 typename Fftw<T>::plan row_plan(int n, fftw_r2r_kind kind) {
     static std::mutex lock;
@@ -202,39 +203,42 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
     // plus 2 g / h of each Neumann side the node lies on; then, while the row
     // is in cache, 2. its forward transform.
     const bool singular = !dax && !dbx && !day && !dby && p.q == 0;
-    double abs_sum = 0;  // trapezoidal sum of |rhs|: the scale of the compatibility test
-#pragma omp parallel for schedule(static) reduction(+ : abs_sum)
-    for (std::int64_t t = 0; t < Ny; ++t) {
-        const std::int64_t j = j0 + t;
-        T* r = g + t * S;
-        std::memcpy(r, f + i0 + j * W, sizeof(T) * std::size_t(Nx));
-        if (j == 1 && day) {
-            const double c = (j == ny && !dby ? 2 : 1) * ry;
-            for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(c * bd_ay[i]);
+    // abs_sum: trapezoidal sum of |rhs|, the scale of the compatibility test.
+    const double abs_sum = parallel_reduce(Ny, grain_for(Nx), 0.0, [&](std::int64_t t0, std::int64_t t1) {
+        double chunk_sum = 0;
+        for (std::int64_t t = t0; t < t1; ++t) {
+            const std::int64_t j = j0 + t;
+            T* r = g + t * S;
+            std::memcpy(r, f + i0 + j * W, sizeof(T) * std::size_t(Nx));
+            if (j == 1 && day) {
+                const double c = (j == ny && !dby ? 2 : 1) * ry;
+                for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(c * bd_ay[i]);
+            }
+            if (j == ny - 1 && dby) {
+                const double c = (j == 0 && !day ? 2 : 1) * ry;
+                for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(c * bd_by[i]);
+            }
+            if (j == 0 && !day)
+                for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(2 / hy * bd_ay[i]);
+            if (j == ny && !dby)
+                for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(2 / hy * bd_by[i]);
+            if (dax)
+                r[0] += T((nx == 1 && !dbx ? 2 : 1) * rx * bd_ax[j]);
+            else
+                r[0] += T(2 / hx * bd_ax[j]);
+            if (dbx)
+                r[Nx - 1] += T((nx == 1 && !dax ? 2 : 1) * rx * bd_bx[j]);
+            else
+                r[Nx - 1] += T(2 / hx * bd_bx[j]);
+            if (singular) {
+                double s = 0;
+                for (std::int64_t i = 0; i < Nx; ++i) s += std::abs(double(r[i])) * (i == 0 || i == Nx - 1 ? 0.5 : 1);
+                chunk_sum += s * (t == 0 || t == Ny - 1 ? 0.5 : 1);
+            }
+            Fftw<T>::run(fwd, r);
         }
-        if (j == ny - 1 && dby) {
-            const double c = (j == 0 && !day ? 2 : 1) * ry;
-            for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(c * bd_by[i]);
-        }
-        if (j == 0 && !day)
-            for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(2 / hy * bd_ay[i]);
-        if (j == ny && !dby)
-            for (std::int64_t i = i0; i <= i1; ++i) r[i - i0] += T(2 / hy * bd_by[i]);
-        if (dax)
-            r[0] += T((nx == 1 && !dbx ? 2 : 1) * rx * bd_ax[j]);
-        else
-            r[0] += T(2 / hx * bd_ax[j]);
-        if (dbx)
-            r[Nx - 1] += T((nx == 1 && !dax ? 2 : 1) * rx * bd_bx[j]);
-        else
-            r[Nx - 1] += T(2 / hx * bd_bx[j]);
-        if (singular) {
-            double s = 0;
-            for (std::int64_t i = 0; i < Nx; ++i) s += std::abs(double(r[i])) * (i == 0 || i == Nx - 1 ? 0.5 : 1);
-            abs_sum += s * (t == 0 || t == Ny - 1 ? 0.5 : 1);
-        }
-        Fftw<T>::run(fwd, r);
-    }
+        return chunk_sum;
+    }, std::plus<double>());
 
     // 3. One tridiagonal system along y per mode k:
     //   a_t w(t-1) + b_k w(t) + c_t w(t+1) = g(t, k) / (2n),
@@ -267,49 +271,50 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
         else
             return cp + cells;
     }();
-    const std::int64_t block = 256;
-#pragma omp parallel for schedule(static)
-    for (std::int64_t k0 = 0; k0 < Nx; k0 += block) {
-        const std::int64_t k1 = std::min(Nx, k0 + block);
-        {
-            const double up = Ny > 1 ? upper_first : 0;
+    const std::int64_t block = 256, blocks = (Nx + block - 1) / block;
+    parallel_for(blocks, Nx * Ny >= (std::int64_t(1) << 15) ? 1 : blocks, [&](std::int64_t b0, std::int64_t b1) {
+        for (std::int64_t k0 = b0 * block; k0 < std::min(Nx, b1 * block); k0 += block) {
+            const std::int64_t k1 = std::min(Nx, k0 + block);
+            {
+                const double up = Ny > 1 ? upper_first : 0;
 #pragma omp simd
-            for (std::int64_t k = k0; k < k1; ++k) {
-                const double inv = 1 / b[k];
-                cp[k] = up * inv;
-                d[k] = double(g[k]) * scale * inv;
+                for (std::int64_t k = k0; k < k1; ++k) {
+                    const double inv = 1 / b[k];
+                    cp[k] = up * inv;
+                    d[k] = double(g[k]) * scale * inv;
+                }
+            }
+            for (std::int64_t t = 1; t < Ny; ++t) {
+                const T* r = g + t * S;
+                double* dt = d + t * S;
+                const double* dp = dt - S;
+                double* c = cp + t * S;
+                const double* cpp = c - S;
+                const double a = t == Ny - 1 ? lower_last : off;
+                const double up = t == Ny - 1 ? 0 : off;
+#pragma omp simd
+                for (std::int64_t k = k0; k < k1; ++k) {
+                    const double inv = 1 / (b[k] - a * cpp[k]);
+                    c[k] = up * inv;
+                    dt[k] = (double(r[k]) * scale - a * dp[k]) * inv;
+                }
+            }
+            for (std::int64_t t = Ny - 1; t >= 0; --t) {
+                double* dt = d + t * S;
+                const double* dn = dt + S;
+                const double* c = cp + t * S;
+                T* r = g + t * S;
+                if (t < Ny - 1) {
+#pragma omp simd
+                    for (std::int64_t k = k0; k < k1; ++k) dt[k] -= c[k] * dn[k];
+                }
+                if constexpr (!std::is_same_v<T, double>) {
+#pragma omp simd
+                    for (std::int64_t k = k0; k < k1; ++k) r[k] = T(dt[k]);
+                }
             }
         }
-        for (std::int64_t t = 1; t < Ny; ++t) {
-            const T* r = g + t * S;
-            double* dt = d + t * S;
-            const double* dp = dt - S;
-            double* c = cp + t * S;
-            const double* cpp = c - S;
-            const double a = t == Ny - 1 ? lower_last : off;
-            const double up = t == Ny - 1 ? 0 : off;
-#pragma omp simd
-            for (std::int64_t k = k0; k < k1; ++k) {
-                const double inv = 1 / (b[k] - a * cpp[k]);
-                c[k] = up * inv;
-                dt[k] = (double(r[k]) * scale - a * dp[k]) * inv;
-            }
-        }
-        for (std::int64_t t = Ny - 1; t >= 0; --t) {
-            double* dt = d + t * S;
-            const double* dn = dt + S;
-            const double* c = cp + t * S;
-            T* r = g + t * S;
-            if (t < Ny - 1) {
-#pragma omp simd
-                for (std::int64_t k = k0; k < k1; ++k) dt[k] -= c[k] * dn[k];
-            }
-            if constexpr (!std::is_same_v<T, double>) {
-#pragma omp simd
-                for (std::int64_t k = k0; k < k1; ++k) r[k] = T(dt[k]);
-            }
-        }
-    }
+    });
 
     // The special modes.  The singular one (k = 0 of N N sides all round with
     // q = 0): the constant is the null vector, and the trapezoidal weights
@@ -368,24 +373,26 @@ void helmholtz_2d(const Helmholtz& p, T* f, const T* ax_values, const T* bx_valu
         for (std::int64_t i = i1 + 1; i <= nx; ++i) out[i] = boundary(i, j);
     };
     std::vector<double> row_sum(singular ? std::size_t(Ny) : 0);
-#pragma omp parallel for schedule(static)
-    for (std::int64_t t = 0; t < Ny; ++t) {
-        T* r = g + t * S;
-        Fftw<T>::run(bwd, r);
-        if (!singular) {
-            write_row(j0 + t, T(0));
-            continue;
+    parallel_for(Ny, grain_for(Nx), [&](std::int64_t t0, std::int64_t t1) {
+        for (std::int64_t t = t0; t < t1; ++t) {
+            T* r = g + t * S;
+            Fftw<T>::run(bwd, r);
+            if (!singular) {
+                write_row(j0 + t, T(0));
+                continue;
+            }
+            double s = 0;
+            for (std::int64_t i = 0; i < Nx; ++i) s += double(r[i]);
+            row_sum[t] = s;
         }
-        double s = 0;
-        for (std::int64_t i = 0; i < Nx; ++i) s += double(r[i]);
-        row_sum[t] = s;
-    }
+    });
     if (singular) {
         double sum = 0;
         for (const double s : row_sum) sum += s;
         const T shift = T(sum / double(Nx * Ny));
-#pragma omp parallel for schedule(static)
-        for (std::int64_t j = 0; j <= ny; ++j) write_row(j, shift);
+        parallel_for(ny + 1, grain_for(W), [&](std::int64_t first, std::int64_t last) {
+            for (std::int64_t j = first; j < last; ++j) write_row(j, shift);
+        });
     } else {
         for (std::int64_t j = 0; j < j0; ++j) write_row(j, T(0));
         for (std::int64_t j = j1 + 1; j <= ny; ++j) write_row(j, T(0));

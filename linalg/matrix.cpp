@@ -7,6 +7,7 @@
 
 #include "linalg/kernels.hpp"
 #include "linalg/lapack.hpp"
+#include "runtime/pool.hpp"
 
 namespace kix::linalg {
 
@@ -15,13 +16,15 @@ void transpose(std::int64_t rows, std::int64_t cols, const T* src, std::int64_t 
     // Square tiles that fit in L1 for both the read and the write side.
     constexpr std::int64_t B = 32;
     const std::int64_t tiles_r = (rows + B - 1) / B, tiles_c = (cols + B - 1) / B;
-#pragma omp parallel for schedule(static) if (rows * cols > (1 << 16))
-    for (std::int64_t t = 0; t < tiles_r * tiles_c; ++t) {
-        const std::int64_t r0 = (t / tiles_c) * B, c0 = (t % tiles_c) * B;
-        const std::int64_t r1 = std::min(rows, r0 + B), c1 = std::min(cols, c0 + B);
-        for (std::int64_t c = c0; c < c1; ++c)
-            for (std::int64_t r = r0; r < r1; ++r) dst[c * ldd + r] = src[r * lds + c];
-    }
+    const std::int64_t tiles = tiles_r * tiles_c;
+    parallel_for(tiles, rows * cols > (1 << 16) ? grain_for(B * B) : tiles, [&](std::int64_t t0, std::int64_t t1) {
+        for (std::int64_t t = t0; t < t1; ++t) {
+            const std::int64_t r0 = (t / tiles_c) * B, c0 = (t % tiles_c) * B;
+            const std::int64_t r1 = std::min(rows, r0 + B), c1 = std::min(cols, c0 + B);
+            for (std::int64_t c = c0; c < c1; ++c)
+                for (std::int64_t r = r0; r < r1; ++r) dst[c * ldd + r] = src[r * lds + c];
+        }
+    });
 }
 
 template <class T>

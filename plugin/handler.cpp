@@ -1,10 +1,9 @@
 #include "plugin/handler.hpp"
 
-#include <omp.h>
-
 #include <chrono>
 #include <exception>
 
+#include "runtime/pool.hpp"
 #include "runtime/trace.hpp"
 #include "sdk/script_glue.hpp"
 
@@ -74,11 +73,13 @@ namespace {
 // Conversion runs in parallel above this many values (below it the threads
 // cost more than the copy).
 constexpr std::int64_t kParallelConvert = std::int64_t(1) << 17;
+constexpr std::int64_t kConvertChunk = std::int64_t(1) << 15;
 
 template <class S, class T>
 void convert(const S* x, T* y, std::int64_t n) {
-#pragma omp parallel for schedule(static) if (n >= kParallelConvert)
-    for (std::int64_t i = 0; i < n; ++i) y[i] = static_cast<T>(x[i]);
+    parallel_for(n, n >= kParallelConvert ? kConvertChunk : n, [&](std::int64_t b, std::int64_t e) {
+        for (std::int64_t i = b; i < e; ++i) y[i] = static_cast<T>(x[i]);
+    });
 }
 
 // The source's pixels read as S (its own element type, or bytes for Binary).

@@ -9,7 +9,6 @@
 // takes over: each pass histograms the next 11 bits of the keys that share
 // the prefix found so far, and the bucket holding the rank extends the prefix.
 // Any exact selection returns the same value.
-#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -19,6 +18,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
 #include "stats/keys.hpp"
@@ -66,6 +66,19 @@ MedianNetwork median_network(std::int64_t n) {
 // ------------------------------------------------------------- median z
 namespace {
 
+// f(s) for every slice s < slices, the slices shared among the threads (each
+// slice writes only its own partial results).
+template <class F>
+void each_slice(std::int64_t slices, F&& f) {
+    parallel_for(slices, 1, [&](std::int64_t first, std::int64_t last) {
+        for (std::int64_t s = first; s < last; ++s) f(s);
+    });
+}
+
+}  // namespace
+
+namespace {
+
 template <class S>
 void median_z_row_generic(const S* src, std::int64_t nx, std::int64_t nz, std::int64_t ps, S* out) {
     std::vector<S> work(static_cast<std::size_t>(nz));  // one work array for the row
@@ -89,11 +102,9 @@ template <class S, class D>
 void median_z_rows(const S* src, const Geometry& g, D* dst, std::int64_t drs, bool vectorised) {
     const MedianNetwork net = vectorised ? median_network(g.nz) : MedianNetwork{};
     const bool parallel = g.count() >= kParallelMin && g.ny > 1;
-#pragma omp parallel if (parallel)
-    {
+    parallel_for(g.ny, parallel ? grain_for(g.nx * g.nz) : g.ny, [&](std::int64_t y0, std::int64_t y1) {
         std::vector<S> medians(std::is_same_v<S, D> ? 0 : static_cast<std::size_t>(g.nx));
-#pragma omp for schedule(static)
-        for (std::int64_t y = 0; y < g.ny; ++y) {
+        for (std::int64_t y = y0; y < y1; ++y) {
             const S* row = src + y * g.row_stride;
             D* out_row = dst + y * drs;
             S* out;
@@ -108,7 +119,7 @@ void median_z_rows(const S* src, const Geometry& g, D* dst, std::int64_t drs, bo
             if constexpr (!std::is_same_v<S, D>)
                 for (std::int64_t x = 0; x < g.nx; ++x) out_row[x] = store_pixel<D>(out[x]);
         }
-    }
+    });
 }
 
 }  // namespace
@@ -239,8 +250,7 @@ private:
         std::fill(hist.begin(), hist.end(), 0);
         const K mask = K(kBuckets - 1) >> (kRadixBits - width);
         const int drop = kKeyBits - fixed;
-#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
-        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+        each_slice(pieces_.slices, [&](std::int64_t s) {
             std::int64_t* h = hist.data() + s * kBuckets;
             if (fixed == 0)
                 for_keys(s, [&](K k) { ++h[k >> shift]; });
@@ -248,7 +258,7 @@ private:
                 for_keys(s, [&](K k) {
                     if ((k >> drop) == (prefix >> drop)) ++h[(k >> shift) & mask];
                 });
-        }
+        });
         if (fixed == 0 && top_bucket_ < 0) {
             top_bucket_ = 0;
             for (std::int64_t s = 0; s < pieces_.slices; ++s) top_bucket_ += hist[s * kBuckets + kBuckets - 1];
@@ -262,13 +272,12 @@ private:
         std::vector<std::int64_t> start(static_cast<std::size_t>(pieces_.slices + 1), 0);
         for (std::int64_t s = 0; s < pieces_.slices; ++s) start[s + 1] = start[s] + hist[s * kBuckets + b];
         const int drop = kKeyBits - fixed;
-#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
-        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+        each_slice(pieces_.slices, [&](std::int64_t s) {
             K* out = keys.data() + start[s];
             for_keys(s, [&](K k) {
                 if ((k >> drop) == (prefix >> drop)) *out++ = k;
             });
-        }
+        });
         return keys;
     }
 
@@ -290,8 +299,7 @@ private:
     void next_above(K key, RadixSelection<T>& out) const {
         std::vector<K> best(static_cast<std::size_t>(pieces_.slices), ~K(0));
         std::vector<char> found(static_cast<std::size_t>(pieces_.slices), 0);
-#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
-        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+        each_slice(pieces_.slices, [&](std::int64_t s) {
             K m = ~K(0);
             bool any = false;
             for_keys(s, [&](K k) {
@@ -302,7 +310,7 @@ private:
             });
             best[s] = m;
             found[s] = any;
-        }
+        });
         for (std::int64_t s = 0; s < pieces_.slices; ++s) {
             if (found[s] && (!out.has_next || best[s] < out.next)) {
                 out.has_next = true;
@@ -354,8 +362,7 @@ public:
         std::vector<std::int64_t> start(pieces_.slices), kept(pieces_.slices), below(pieces_.slices),
             nans(pieces_.slices);
         for (std::int64_t s = 0; s < pieces_.slices; ++s) start[s] = elements_before(pieces_.first(s));
-#pragma omp parallel for schedule(static) if (pieces_.slices > 1)
-        for (std::int64_t s = 0; s < pieces_.slices; ++s) {
+        each_slice(pieces_.slices, [&](std::int64_t s) {
             K* out_keys = keys.get() + start[s];
             std::int64_t c = 0, b = 0, nan = 0;
             for (std::int64_t q = pieces_.first(s); q < pieces_.last(s); ++q) {
@@ -366,7 +373,7 @@ public:
             kept[s] = c;
             below[s] = b;
             nans[s] = nan;
-        }
+        });
         std::int64_t total_below = 0, total = 0;
         nans_ = 0;
         for (std::int64_t s = 0; s < pieces_.slices; ++s) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
 #include "stats/simd.hpp"
@@ -146,10 +147,13 @@ void reduce(const T* src, const Geometry& g, int ndim, T* dst) {
     const std::int64_t my = ndim >= 2 ? g.ny / 2 : 1;
     const std::int64_t mz = ndim >= 3 ? g.nz / 2 : 1;
     const std::int64_t rs = g.row_stride, ps = g.plane_stride;
-#pragma omp parallel for schedule(static) if (mx * my * mz >= kParallelMin)
-    for (std::int64_t k = 0; k < mz; ++k) {
-        for (std::int64_t j = 0; j < my; ++j) {
-            T* out = dst + (k * my + j) * mx;
+    // Output rows (every plane's) are the units shared among the threads.
+    const std::int64_t rows = my * mz;
+    const std::int64_t grain = mx * rows >= kParallelMin ? grain_for(mx) : rows;
+    parallel_for(rows, grain, [&](std::int64_t r0, std::int64_t r1) {
+        for (std::int64_t r = r0; r < r1; ++r) {
+            const std::int64_t k = r / my, j = r % my;
+            T* out = dst + r * mx;
             if (ndim == 1) {
                 const T* s = src;
                 for (std::int64_t i = 0; i < mx; ++i)
@@ -172,7 +176,7 @@ void reduce(const T* src, const Geometry& g, int ndim, T* dst) {
                                             0.125);
             }
         }
-    }
+    });
 }
 
 // ------------------------------------------------------ instantiations
