@@ -12,6 +12,7 @@
 #include <benchmark/benchmark.h>
 
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +25,8 @@
 #include "runtime/runtime.hpp"
 #include "vml/kernels.hpp"
 #include "vml/simd.hpp"
+
+extern char** environ;
 
 namespace {
 
@@ -55,16 +58,17 @@ const simd::Table<float>& table() {
     }
 }
 
-// A process that keeps one core busy for as long as it lives.
+// Another process that keeps one core busy for as long as it lives: a shell
+// loop, started with posix_spawn so that the benchmark's pages are not shared
+// copy-on-write with a forked child (which would make the first stores after
+// the fork page faults).
 class Spinner {
 public:
     explicit Spinner(bool on) {
         if (!on) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            volatile unsigned long x = 0;
-            for (;;) x = x + 1;
-        }
+        char sh[] = "sh", c[] = "-c", loop[] = "while :; do :; done";
+        char* argv[] = {sh, c, loop, nullptr};
+        if (posix_spawnp(&pid_, "sh", nullptr, nullptr, argv, environ) != 0) pid_ = -1;
         // Let the scheduler see it before the clock starts.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
