@@ -18,6 +18,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
 #include <random>
 #include <thread>
 #include <vector>
@@ -155,3 +159,115 @@ BENCHMARK(BM_Shared)
     ->ComputeStatistics("min", min_of);
 
 }  // namespace
+
+// ------------------------------------------------------------------ table
+// pool_bench --table[=ROUNDS]: the side-by-side table.  The machine's other
+// work comes and goes, so the cases are measured interleaved: every round
+// runs each quiet case, then starts the spinning process and runs each loaded
+// case, a few calls each; a case's figure is the median (and the best) of its
+// calls over all rounds.  OpenMP's threads spin for a while after each of its
+// loops, so the kernel cases run first in a phase and each phase waits for
+// that spinning to end before it starts.
+namespace {
+
+struct Case {
+    Op op;
+    Driver driver;
+    int threads;
+    bool loaded;
+    std::vector<double> ms;
+};
+
+double load_average() {
+    double l = -1;
+    if (FILE* f = std::fopen("/proc/loadavg", "r")) {
+        if (std::fscanf(f, "%lf", &l) != 1) l = -1;
+        std::fclose(f);
+    }
+    return l;
+}
+
+std::string processor() {
+    std::string name = "unknown processor";
+    if (FILE* f = std::fopen("/proc/cpuinfo", "r")) {
+        char line[512];
+        while (std::fgets(line, sizeof line, f))
+            if (std::strncmp(line, "model name", 10) == 0) {
+                const char* v = std::strchr(line, ':');
+                if (v) name = std::string(v + 2, std::strcspn(v + 2, "\n"));
+                break;
+            }
+        std::fclose(f);
+    }
+    return name;
+}
+
+double quantile(std::vector<double> v, double q) {
+    std::sort(v.begin(), v.end());
+    return v[std::size_t(q * double(v.size() - 1) + 0.5)];
+}
+
+int table(int rounds) {
+    constexpr int kCalls = 5;
+    std::vector<Case> cases;
+    for (bool loaded : {false, true})
+        for (Driver driver : {kKernel, kOmp})
+            for (Op op : {kAddOp, kExpOp})
+                for (int threads : {1, 2})
+                    if (!loaded || threads == 2) cases.push_back({op, driver, threads, loaded, {}});
+    Data& d = data();
+    const double load_before = load_average();
+    for (int r = 0; r < rounds; ++r)
+        for (bool loaded : {false, true}) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            Spinner spin(loaded);
+            Driver last = kKernel;
+            for (Case& c : cases) {
+                if (c.loaded != loaded) continue;
+                if (c.driver != last) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                last = c.driver;
+                kix::set_num_threads(c.threads);
+                c.driver == kOmp ? run_omp(c.op, d) : run_kernel(c.op, d);
+                for (int k = 0; k < kCalls; ++k) {
+                    const auto t0 = std::chrono::steady_clock::now();
+                    c.driver == kOmp ? run_omp(c.op, d) : run_kernel(c.op, d);
+                    benchmark::DoNotOptimize(d.y.data());
+                    c.ms.push_back(
+                        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+                }
+            }
+        }
+    const double load_after = load_average();
+    std::printf("%s, %s bodies; %d rounds of %d calls per case; load average %.2f before, %.2f after\n\n",
+                processor().c_str(), kix::isa_name(kix::isa_level()), rounds, kCalls, load_before, load_after);
+    std::printf("| float32, 16 Mi | driver | quiet 1 thread | quiet 2 threads | loaded 2 threads | loaded 2 / quiet 1 |\n");
+    std::printf("|---|---|---|---|---|---|\n");
+    for (Op op : {kAddOp, kExpOp})
+        for (Driver driver : {kOmp, kKernel}) {
+            const std::vector<double>* m[3] = {};
+            for (const Case& c : cases)
+                if (c.op == op && c.driver == driver) m[c.loaded ? 2 : c.threads - 1] = &c.ms;
+            auto cell = [](const std::vector<double>& v) {
+                char s[64];
+                std::snprintf(s, sizeof s, "%.1f ms (best %.1f)", quantile(v, 0.5), quantile(v, 0.0));
+                return std::string(s);
+            };
+            std::printf("| %s | %s | %s | %s | %s | %.2f |\n", op == kAddOp ? "Add" : "Exp",
+                        driver == kOmp ? "OpenMP, dynamic" : "module pool", cell(*m[0]).c_str(),
+                        cell(*m[1]).c_str(), cell(*m[2]).c_str(), quantile(*m[2], 0.5) / quantile(*m[0], 0.5));
+        }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::strncmp(argv[i], "--table", 7) == 0)
+            return table(argv[i][7] == '=' ? std::max(1, std::atoi(argv[i] + 8)) : 10);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
