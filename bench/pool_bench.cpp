@@ -160,6 +160,40 @@ BENCHMARK(BM_Shared)
 
 }  // namespace
 
+// Calls too short to hide a wake-up: Add over range(2) values, called back to
+// back (range(0): Driver, range(1): threads).  The pool's workers sleep after
+// a few microseconds without work, so each call wakes them again; OpenMP's
+// keep spinning between calls.
+void BM_Short(benchmark::State& state) {
+    const Driver driver = Driver(state.range(0));
+    kix::set_num_threads(int(state.range(1)));
+    const std::int64_t n = state.range(2);
+    Data& d = data();
+    const auto& t = table();
+    const std::int64_t chunks = n / kChunk;
+    auto call = [&] {
+        if (driver == kKernel) {
+            k::Add(d.a.data(), d.b.data(), d.y.data(), n);
+            return;
+        }
+#pragma omp parallel for schedule(dynamic)
+        for (std::int64_t c = 0; c < chunks; ++c)
+            t.binary[simd::kAdd](d.a.data() + c * kChunk, d.b.data() + c * kChunk, d.y.data() + c * kChunk,
+                                 kChunk, false);
+    };
+    call();
+    for (auto _ : state) {
+        call();
+        benchmark::DoNotOptimize(d.y.data());
+    }
+    state.SetLabel(std::string("Add ") + std::to_string(n >> 10) + " Ki" + (driver == kOmp ? " omp" : " kernel"));
+}
+BENCHMARK(BM_Short)
+    ->ArgNames({"driver", "threads", "n"})
+    ->ArgsProduct({{kOmp, kKernel}, {1, 2}, {std::int64_t(256) << 10, std::int64_t(1) << 20}})
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+
 // ------------------------------------------------------------------ table
 // pool_bench --table[=ROUNDS]: the side-by-side table.  The machine's other
 // work comes and goes, so the cases are measured interleaved: every round
