@@ -72,7 +72,13 @@ public:
         if (!on) return;
         char sh[] = "sh", c[] = "-c", loop[] = "while :; do :; done";
         char* argv[] = {sh, c, loop, nullptr};
-        if (posix_spawnp(&pid_, "sh", nullptr, nullptr, argv, environ) != 0) pid_ = -1;
+        // A session of its own, as a program started elsewhere would have (the
+        // scheduler shares the processors fairly between sessions first).
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
+        if (posix_spawnp(&pid_, "sh", nullptr, &attr, argv, environ) != 0) pid_ = -1;
+        posix_spawnattr_destroy(&attr);
         // Let the scheduler see it before the clock starts.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
