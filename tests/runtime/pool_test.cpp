@@ -3,11 +3,14 @@
 // thread count, concurrent callers, FFTW's hook and a fork.
 #include <gtest/gtest.h>
 
+#include <fftw3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
+#include <complex>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -223,6 +226,44 @@ TEST(Pool, FftwJobsEachRunOnce) {
             EXPECT_EQ(jobs[std::size_t(i)].index, i);
         }
     }
+}
+
+// FFTW's threaded plans, given the pool as their parallel loop, compute what a
+// one-thread plan computes, and the loop is really used.
+std::atomic<int> gFftwLoops{0};
+void counting_loop(void* (*work)(char*), char* jobdata, std::size_t elsize, int njobs, void* data) {
+    ++gFftwLoops;
+    kix::fftw_parallel_loop(work, jobdata, elsize, njobs, data);
+}
+
+TEST(Pool, FftwPlansOnThePoolAgreeWithOneThread) {
+    Threads t(2);
+    ASSERT_NE(fftw_init_threads(), 0);
+    fftw_threads_set_callback(counting_loop, nullptr);
+    const int n = 512;
+    std::vector<std::complex<double>> in(std::size_t(n * n)), one(in.size()), two(in.size());
+    for (std::size_t i = 0; i < in.size(); ++i)
+        in[i] = {std::sin(0.37 * double(i)), std::cos(0.11 * double(i * i % 977))};
+    auto run = [&](int threads, std::vector<std::complex<double>>& out) {
+        fftw_plan_with_nthreads(threads);
+        std::vector<std::complex<double>> x = in;
+        fftw_plan p = fftw_plan_dft_2d(n, n, reinterpret_cast<fftw_complex*>(x.data()),
+                                       reinterpret_cast<fftw_complex*>(out.data()), FFTW_FORWARD, FFTW_ESTIMATE);
+        ASSERT_NE(p, nullptr);
+        fftw_execute(p);
+        fftw_destroy_plan(p);
+    };
+    run(1, one);
+    const int before = gFftwLoops.load();
+    run(2, two);
+    EXPECT_GT(gFftwLoops.load(), before);
+    double worst = 0, scale = 0;
+    for (std::size_t i = 0; i < one.size(); ++i) {
+        worst = std::max(worst, std::abs(one[i] - two[i]));
+        scale = std::max(scale, std::abs(one[i]));
+    }
+    EXPECT_LE(worst, 1e-12 * scale);
+    fftw_plan_with_nthreads(1);
 }
 
 TEST(Pool, AForkedChildRunsLoopsOnItsOwn) {
