@@ -184,8 +184,7 @@ public:
                 fftw_init_threads();
                 fftwf_init_threads();
                 // Plans with several threads run their parts on the module's pool.
-                fftw_threads_set_callback(fftw_parallel_loop, nullptr);
-                fftwf_threads_set_callback(fftw_parallel_loop, nullptr);
+                use_pool_for_fftw();
             });
             const Policy how = policy();
             measure_ = how != Policy::Estimate;

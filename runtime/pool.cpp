@@ -1,5 +1,6 @@
 #include "runtime/pool.hpp"
 
+#include <fftw3.h>
 #include <immintrin.h>
 #include <omp.h>
 #include <pthread.h>
@@ -255,6 +256,20 @@ void fftw_parallel_loop(void* (*work)(char*), char* jobdata, std::size_t elsize,
     parallel_for(njobs, 1, [&](std::int64_t b, std::int64_t e) {
         for (std::int64_t i = b; i < e; ++i) work(jobdata + std::size_t(i) * elsize);
     });
+}
+
+void use_pool_for_fftw() {
+    struct Route {
+        Route() {
+            fftw_threads_set_callback(fftw_parallel_loop, nullptr);
+            fftwf_threads_set_callback(fftw_parallel_loop, nullptr);
+        }
+        ~Route() {
+            fftw_threads_set_callback(nullptr, nullptr);
+            fftwf_threads_set_callback(nullptr, nullptr);
+        }
+    };
+    static Route route;
 }
 
 }  // namespace kix

@@ -77,5 +77,9 @@ inline std::int64_t grain_for(std::int64_t unit) {
 // FFTW's parallel-loop hook (fftw_threads_set_callback): runs work(jobdata +
 // i * elsize) for i < njobs as chunks of a parallel loop.
 void fftw_parallel_loop(void* (*work)(char*), char* jobdata, std::size_t elsize, int njobs, void* data);
+// Hands FFTW's threaded plans (both precisions) to fftw_parallel_loop, after
+// fftw_init_threads, until the module is unloaded: FFTW outlives the module,
+// so then its own threads take over again rather than a hook into unloaded code.
+void use_pool_for_fftw();
 
 }  // namespace kix
