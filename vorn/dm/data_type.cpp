@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 
 namespace vorn::dm {
 
@@ -73,17 +74,18 @@ std::uint32_t PadSize(std::uint32_t n) {
     // Small searches (every size a script meets in practice) run as one stretch.
     const std::int64_t stretches = span > (1u << 20) ? kStretches : 1;
     Smooth best_of[kStretches];
-#pragma omp parallel for schedule(dynamic) if (stretches > 1)
-    for (std::int64_t k = 0; k < stretches; ++k) {
-        Smooth best{0, {-1, -1, -1, -1}};
-        const std::uint64_t lo = first + span * std::uint64_t(k) / std::uint64_t(stretches);
-        const std::uint64_t hi = first + span * std::uint64_t(k + 1) / std::uint64_t(stretches);
-        for (std::uint64_t m = lo; m < hi; ++m) {
-            const Smooth s = smooth_factorisation(static_cast<std::uint32_t>(m));
-            if (wins(s, best)) best = s;
+    kix::parallel_for(stretches, 1, [&](std::int64_t k0, std::int64_t k1) {
+        for (std::int64_t k = k0; k < k1; ++k) {
+            Smooth best{0, {-1, -1, -1, -1}};
+            const std::uint64_t lo = first + span * std::uint64_t(k) / std::uint64_t(stretches);
+            const std::uint64_t hi = first + span * std::uint64_t(k + 1) / std::uint64_t(stretches);
+            for (std::uint64_t m = lo; m < hi; ++m) {
+                const Smooth s = smooth_factorisation(static_cast<std::uint32_t>(m));
+                if (wins(s, best)) best = s;
+            }
+            best_of[k] = best;
         }
-        best_of[k] = best;
-    }
+    });
     Smooth best{0, {0, 0, 0, 0}};
     for (std::int64_t k = 0; k < stretches; ++k)
         if (best_of[k].count[0] >= 0 && wins(best_of[k], best)) best = best_of[k];
