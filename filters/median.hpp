@@ -10,7 +10,7 @@
 // Larger boxes: the values of a band of rows are replaced by their ranks
 // (order of value, ties by position), the box is kept as a bitset over the
 // ranks and a tracked rank walks to the median as columns enter and leave the
-// box (median.cpp).
+// box (median_ranks.inc, compiled with the kernels above).
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,10 @@ namespace kix::filters {
     template <class T>                                                                              \
     bool median_network_row(const T* const* rows, T* out, std::int64_t n, std::int64_t r, T* scratch); \
     template <class T>                                                                              \
-    std::int64_t median_network_lanes();
+    std::int64_t median_network_lanes();                                                            \
+    template <class T>                                                                              \
+    bool median_by_ranks(const T* in, std::int64_t irs, T* out, std::int64_t ors, std::int64_t nx,  \
+                         std::int64_t ny, std::int64_t r, bool zero_pad);
 
 namespace median_avx512 { KIX_MEDIAN_SIMD_DECLARATIONS }
 namespace median_avx2 { KIX_MEDIAN_SIMD_DECLARATIONS }
