@@ -6,8 +6,8 @@
 //    of neighbouring pixels, every column sorted once for the boxes of its
 //    row.  With zero padding the border boxes run through the same networks
 //    on a zero-filled copy of their few columns; without it the shrinking
-//    border boxes take the quickselect of the order statistics.
-//  - every other box: ranks and a sliding bitset (median.cpp).
+//    border boxes are filtered by ranks, a strip at a time.
+//  - every other box: ranks and a sliding bitset (median_ranks.inc).
 //  - planes too large for 32-bit ranks: quickselect for every pixel.
 // NaN: the networks keep the outcome of `<` selections, quickselect that of
 // its greater-or-equal swaps and the ranks order NaN above +inf; a box
@@ -93,8 +93,31 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
     // columns (those of the border, or a whole short row), wide enough for one vector.
     const std::int64_t staged_width = (split ? std::max(lanes, r) : nx) + 2 * r;
     const int threads = omp_get_max_threads();
+    // Without padding the border boxes shrink, which no fixed network
+    // handles: the strips of the border are filtered by ranks on their own
+    // (a box within r of an edge reaches at most 2r pixels in from it, so a
+    // strip 2r wide gives the right medians for its outer half).
+    if (!zero_pad) {
+        if (!split || ny < 2 * r + 1) return false;
+        std::vector<T> strip(static_cast<std::size_t>(2 * r * std::max(nx, ny)));
+        // The strip of w x h pixels at src; its kw x kh pixels from (kx, ky)
+        // go to (x0, y0).  False (the strip too large for ranks) leaves the
+        // whole plane to the caller's other forms, which write every pixel.
+        auto keep = [&](const T* src, std::int64_t w, std::int64_t h, std::int64_t x0, std::int64_t y0,
+                        std::int64_t kx, std::int64_t ky, std::int64_t kw, std::int64_t kh) {
+            if (!median_by_ranks(src, irs, strip.data(), w, w, h, r, false)) return false;
+            for (std::int64_t y = 0; y < kh; ++y)
+                std::memcpy(out + x0 + (y0 + y) * ors, strip.data() + kx + (ky + y) * w, sizeof(T) * std::size_t(kw));
+            return true;
+        };
+        if (!(keep(in, nx, 2 * r, 0, 0, 0, 0, nx, r) &&                            // top rows
+              keep(in + (ny - 2 * r) * irs, nx, 2 * r, 0, ny - r, 0, r, nx, r) &&  // bottom rows
+              keep(in, 2 * r, ny, 0, r, 0, r, r, ny - 2 * r) &&                    // left columns
+              keep(in + nx - 2 * r, 2 * r, ny, nx - r, r, r, r, r, ny - 2 * r)))   // right columns
+            return false;
+    }
     struct Work {
-        std::vector<T> scratch, staged, staged_out, values;
+        std::vector<T> scratch, staged, staged_out;
     };
     std::vector<Work> work(static_cast<std::size_t>(threads));
     for (auto& w : work) {
@@ -102,8 +125,6 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
         if (zero_pad) {
             w.staged.resize(std::size_t(side * staged_width));
             w.staged_out.resize(std::size_t(staged_width));
-        } else {
-            w.values.reserve(std::size_t(m));
         }
     }
     const std::vector<T> zero_row(std::size_t(nx + 2 * r + 64), T(0));
@@ -111,11 +132,6 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
     auto row = [&](std::int64_t y, Work& w) {
         T* o = out + y * ors;
         const T* rows[7];
-        const bool inside = y >= r && y + r < ny;
-        if (!zero_pad && !(inside && split)) {
-            for (std::int64_t x = 0; x < nx; ++x) o[x] = median_at(in, irs, nx, ny, x, y, r, false, w.values);
-            return;
-        }
         for (std::int64_t k = 0; k < side; ++k) {
             const std::int64_t yy = y - r + k;
             rows[k] = yy >= 0 && yy < ny ? in + yy * irs : zero_row.data() + r;
@@ -145,13 +161,12 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
         if (zero_pad) {
             staged(0, r);
             staged(nx - r, r);
-        } else {
-            for (std::int64_t x = 0; x < r; ++x) o[x] = median_at(in, irs, nx, ny, x, y, r, false, w.values);
-            for (std::int64_t x = nx - r; x < nx; ++x) o[x] = median_at(in, irs, nx, ny, x, y, r, false, w.values);
         }
     };
+    // Without padding the border rows are done.
+    const std::int64_t first = zero_pad ? 0 : r, end = zero_pad ? ny : ny - r;
 #pragma omp parallel for schedule(dynamic, 8) if (nx * ny * m >= kParallelMin)
-    for (std::int64_t y = 0; y < ny; ++y) row(y, work[std::size_t(omp_get_thread_num())]);
+    for (std::int64_t y = first; y < end; ++y) row(y, work[std::size_t(omp_get_thread_num())]);
     return true;
 }
 
