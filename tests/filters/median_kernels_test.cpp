@@ -78,6 +78,26 @@ TEST(MedianKernel, BandedPlaneEveryLevelEqualsSortedBoxes) {
     check_against_sorted_boxes<double>(Geometry{19, 130, 1, 19, 19 * 130}, {2, 5});
 }
 
+// Every width from one pixel to past two vectors of each level, so that the
+// networks' overlapping last stretch, the staged short rows and the strips of
+// the shrinking border all meet widths on either side of their limits.
+TEST(MedianKernel, EveryWidthAroundTheVectorLengths) {
+    for (std::int64_t nx = 1; nx <= 40; ++nx) {
+        const Geometry g{nx, 11, 1, nx + 3, (nx + 3) * 11};
+        const auto in = values<float>(std::size_t(g.row_stride * g.ny), std::uint64_t(nx), nx % 3 == 0);
+        std::vector<float> out(in.size());
+        for (std::int64_t r : {1, 2, 3})
+            for (bool pad : {false, true})
+                kixtest::for_each_isa([&] {
+                    kix::filters::median_filter(in.data(), g, out.data(), g, r, pad, true);
+                    for (std::int64_t y = 0; y < g.ny; ++y)
+                        for (std::int64_t x = 0; x < nx; ++x)
+                            ASSERT_EQ(out[x + y * g.row_stride], sorted_box_median(in.data(), g, x, y, r, pad))
+                                << "nx " << nx << " r " << r << " pad " << pad << " at " << x << ", " << y;
+                });
+    }
+}
+
 TEST(MedianKernel, OutputOverInputFiltersACopy) {
     const Geometry g{30, 140, 1, 30, 30 * 140};
     const auto in = values<float>(30 * 140, 3, false);
