@@ -198,6 +198,17 @@ void median_filter(const T* in, const Geometry& gi, T* out, const Geometry& go, 
         for (std::int64_t y = 0; y < ny; ++y) std::memcpy(out + y * ors, in + y * irs, sizeof(T) * nx);
         return;
     }
+    auto fill = [&](T v) {
+        for (std::int64_t y = 0; y < ny; ++y) std::fill(out + y * ors, out + y * ors + nx, v);
+    };
+    // Zeros more than half of every box: every median is 0.
+    if (zero_pad && (2 * r + 1) * (2 * r + 1) > 2 * nx * ny) return fill(T(0));
+    // Every box holds the whole image: one median for all.
+    if (!zero_pad && r >= nx - 1 && r >= ny - 1) {
+        std::vector<T> all(static_cast<std::size_t>(nx * ny));
+        for (std::int64_t y = 0; y < ny; ++y) std::memcpy(all.data() + y * nx, in + y * irs, sizeof(T) * nx);
+        return fill(stats::median(all.data(), all.size()));
+    }
     if (vectorised && r <= 3 && median_networks(in, irs, out, ors, nx, ny, r, zero_pad)) return;
     if (median_by_ranks(in, irs, out, ors, nx, ny, r, zero_pad)) return;
     median_generic(in, irs, out, ors, nx, ny, r, zero_pad);
