@@ -22,7 +22,8 @@ namespace kix::filters {
 // rows[k] points at pixel x = 0 of the k-th row of the box (k = 0 .. 2r);
 // every row can be read at x = -r .. n+r-1.  out[x] receives the median of the
 // box centred at column x, for x = 0 .. n-1.  scratch holds
-// median_network_scratch(n, r) values.  False (nothing written) when r is
+// median_network_scratch(n, r) values (3 x 3 boxes keep their sorted columns
+// in registers and leave it alone).  False (nothing written) when r is
 // not 1, 2 or 3 or n is shorter than one vector.
 #define KIX_MEDIAN_SIMD_DECLARATIONS                                                                \
     template <class T>                                                                              \
