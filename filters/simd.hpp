@@ -9,7 +9,6 @@
 #include <cstdint>
 
 #include "filters/kernels.hpp"
-#include "stats/simd.hpp"
 
 namespace kix::filters {
 
