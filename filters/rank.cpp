@@ -30,6 +30,9 @@ namespace kix::filters {
 namespace {
 
 constexpr std::int64_t kParallelMin = 1 << 14;
+// The networks' work in pixels times box size below which one thread is
+// quicker than waking a second (about a millisecond of work).
+constexpr std::int64_t kNetworkParallelMin = std::int64_t(1) << 24;
 
 // The median of m in-image values plus `zeros` padding zeros: the padding is
 // counted, not stored, so a huge radius costs no memory.  The k-th value of
@@ -165,7 +168,7 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
     };
     // Without padding the border rows are done.
     const std::int64_t first = zero_pad ? 0 : r, end = zero_pad ? ny : ny - r;
-#pragma omp parallel for schedule(dynamic, 8) if (nx * ny * m >= kParallelMin)
+#pragma omp parallel for schedule(dynamic, 8) if (nx * ny * m >= kNetworkParallelMin)
     for (std::int64_t y = first; y < end; ++y) row(y, work[std::size_t(omp_get_thread_num())]);
     return true;
 }
