@@ -94,3 +94,12 @@ def test_median_nan_stays_in_its_boxes(host, rng, simd, r):
         np.testing.assert_array_equal(out[clean], median_sorted(filled, r, pad)[clean])
     all_nan = np.full((20, 40), np.nan, np.float64)
     assert np.isnan(host.call("KIXMedianFilterDLL", host.image(all_nan), r, None).numpy()).all()
+
+
+@pytest.mark.parametrize("r", [1, 2])
+def test_median_frame_large_enough_for_threads_matches_scipy(host, rng, r):
+    """Frames past the size at which the networks share rows among threads."""
+    from scipy import ndimage
+    a = rng.standard_normal((1024, 2048)).astype(np.float32)
+    out = host.library_call("KIXMedianFilter", host.image(a), r, None, 1).numpy()
+    np.testing.assert_array_equal(out, ndimage.median_filter(a, 2 * r + 1, mode="constant", cval=0))
