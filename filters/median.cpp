@@ -23,7 +23,8 @@ std::int64_t median_network_lanes() {
 }
 template <class T>
 bool median_by_ranks(const T* in, std::int64_t irs, T* out, std::int64_t ors, std::int64_t nx, std::int64_t ny,
-                     std::int64_t r, bool zero_pad) {
+                     std::int64_t r, bool zero_pad, bool widest) {
+    if (!widest) return median_sse2::median_by_ranks(in, irs, out, ors, nx, ny, r, zero_pad);
     KIX_MEDIAN_WIDEST(median_by_ranks(in, irs, out, ors, nx, ny, r, zero_pad))
 }
 
@@ -32,8 +33,8 @@ template bool median_network_row<double>(const double* const*, double*, std::int
 template std::int64_t median_network_lanes<float>();
 template std::int64_t median_network_lanes<double>();
 template bool median_by_ranks<float>(const float*, std::int64_t, float*, std::int64_t, std::int64_t, std::int64_t,
-                                     std::int64_t, bool);
+                                     std::int64_t, bool, bool);
 template bool median_by_ranks<double>(const double*, std::int64_t, double*, std::int64_t, std::int64_t,
-                                      std::int64_t, std::int64_t, bool);
+                                      std::int64_t, std::int64_t, bool, bool);
 
 }  // namespace kix::filters

@@ -48,11 +48,13 @@ std::int64_t median_network_lanes();
 // Values of scratch that median_network_row needs (for any instance).
 inline std::int64_t median_network_scratch(std::int64_t n, std::int64_t r) { return (2 * r + 1) * (n + 2 * r + 64); }
 
-// Medians of the output rows y0 .. y1-1 of the (nx, ny) plane at `in` (row
-// stride irs) into out (row stride ors), by ranks; every border rule and
-// radius (r >= 1).  False when the plane is too large for 32-bit ranks.
+// Medians of the (nx, ny) plane at `in` (row stride irs) into out (row
+// stride ors), by ranks; every border rule and radius (r >= 1).  False
+// (nothing written) when the plane is too large for 32-bit ranks.  widest:
+// the processor's widest instance, otherwise the baseline one (the feature
+// record cleared by KIXSetUseSIMD(0)).
 template <class T>
 bool median_by_ranks(const T* in, std::int64_t irs, T* out, std::int64_t ors, std::int64_t nx, std::int64_t ny,
-                     std::int64_t r, bool zero_pad);
+                     std::int64_t r, bool zero_pad, bool widest);
 
 }  // namespace kix::filters

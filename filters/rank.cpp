@@ -108,7 +108,7 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
         // whole plane to the caller's other forms, which write every pixel.
         auto keep = [&](const T* src, std::int64_t w, std::int64_t h, std::int64_t x0, std::int64_t y0,
                         std::int64_t kx, std::int64_t ky, std::int64_t kw, std::int64_t kh) {
-            if (!median_by_ranks(src, irs, strip.data(), w, w, h, r, false)) return false;
+            if (!median_by_ranks(src, irs, strip.data(), w, w, h, r, false, true)) return false;
             for (std::int64_t y = 0; y < kh; ++y)
                 std::memcpy(out + x0 + (y0 + y) * ors, strip.data() + kx + (ky + y) * w, sizeof(T) * std::size_t(kw));
             return true;
@@ -213,7 +213,7 @@ void median_filter(const T* in, const Geometry& gi, T* out, const Geometry& go, 
         return fill(stats::median(all.data(), all.size()));
     }
     if (vectorised && r <= 3 && median_networks(in, irs, out, ors, nx, ny, r, zero_pad)) return;
-    if (median_by_ranks(in, irs, out, ors, nx, ny, r, zero_pad)) return;
+    if (median_by_ranks(in, irs, out, ors, nx, ny, r, zero_pad, vectorised)) return;
     median_generic(in, irs, out, ors, nx, ny, r, zero_pad);
 }
 
