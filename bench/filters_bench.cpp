@@ -47,13 +47,19 @@ void Copy(benchmark::State& state) {
 }
 BENCHMARK(Copy)->UseRealTime();
 
+// Radius in range(0); range(1) 1 for zero padding, 0 for the shrinking border.
 void Median(benchmark::State& state) {
     const auto& in = frame();
     std::vector<float> out(in.size());
-    for (auto _ : state) kix::filters::median_filter(in.data(), kPlane, out.data(), kPlane, state.range(0), false, true);
+    for (auto _ : state)
+        kix::filters::median_filter(in.data(), kPlane, out.data(), kPlane, state.range(0), state.range(1) != 0, true);
     bytes(state, 2 * kSide * kSide * 4);
 }
-BENCHMARK(Median)->Arg(1)->Arg(2)->Arg(3)->Arg(7)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(Median)
+    ->ArgsProduct({{1, 2, 3, 4, 7, 12}, {0, 1}})
+    ->ArgNames({"r", "pad"})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 void Maximum(benchmark::State& state) {
     const auto& in = frame();

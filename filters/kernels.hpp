@@ -55,9 +55,9 @@ void moving_average_lanes(const T* in, std::int64_t istep, T* out, std::int64_t 
 // Outside the image a position counts as 0 when zero_pad, otherwise it is left
 // out (the neighbourhood shrinks).  An even count gives the mean of the two
 // middle values.  in and out may be the same pixels (the kernel then reads a
-// copy).  vectorised: interior pixels of boxes up to 15 x 15 by
-// median-selection networks on vectors of neighbouring pixels, otherwise (and
-// at the border) by the quickselect of the order statistics.
+// copy).  vectorised: boxes up to 7 x 7 by sorting networks on vectors of
+// neighbouring pixels; otherwise (and for larger boxes) by ranks and a
+// sliding bitset.  Every form gives the same values (median.hpp).
 template <class T>
 void median_filter(const T* in, const Geometry& gi, T* out, const Geometry& go, std::int64_t r, bool zero_pad,
                    bool vectorised);

@@ -9,7 +9,6 @@
 #include <cstdint>
 
 #include "filters/kernels.hpp"
-#include "stats/simd.hpp"
 
 namespace kix::filters {
 
@@ -34,12 +33,7 @@ namespace kix::filters {
                        std::int64_t order);                                                                  \
     template <class T>                                                                                       \
     void remove_spikes(const T* in, const Geometry& gi, T* out, const Geometry& go, std::int16_t* counts,    \
-                       std::int64_t mean_width, float tol, std::int64_t large_size);                     \
-    /* Medians of the interior pixels x0 .. x1-1 of the row at `in` (its row stride irs) into out, */       \
-    /* out pointing at the same row; false when the radius or the stretch does not suit the vectors. */   \
-    template <class T>                                                                                       \
-    bool median_interior_row(const T* in, std::int64_t irs, T* out, std::int64_t x0, std::int64_t x1,        \
-                             std::int64_t r, const stats::MedianNetwork& net);
+                       std::int64_t mean_width, float tol, std::int64_t large_size);
 
 namespace avx512 { KIX_FILTERS_SIMD_DECLARATIONS }
 namespace avx2 { KIX_FILTERS_SIMD_DECLARATIONS }
