@@ -33,6 +33,8 @@ namespace {
 constexpr auto kSpin = std::chrono::microseconds(10);
 
 thread_local bool t_inside = false;
+// 0 on every thread but the workers, which hold their index + 1.
+thread_local int t_slot = 0;
 
 // Spins up to kSpin while `a` holds `old`, then sleeps until it changes.
 template <class V>
@@ -151,6 +153,7 @@ public:
 private:
     void worker(int index, std::uint32_t seen) {
         t_inside = true;
+        t_slot = index + 1;
         for (;;) {
             wait_while(epoch_, seen);
             seen = epoch_.load(std::memory_order_acquire);
@@ -251,6 +254,8 @@ int num_threads() noexcept {
 }
 
 bool in_parallel() noexcept { return pool_detail::t_inside; }
+
+int thread_slot() noexcept { return pool_detail::t_slot; }
 
 void fftw_parallel_loop(void* (*work)(char*), char* jobdata, std::size_t elsize, int njobs, void*) {
     parallel_for(njobs, 1, [&](std::int64_t b, std::int64_t e) {

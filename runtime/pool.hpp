@@ -31,6 +31,11 @@ int num_threads() noexcept;
 // True while the current thread runs a chunk of a parallel loop.
 bool in_parallel() noexcept;
 
+// Which of a loop's threads runs the current chunk, in 0 .. num_threads() - 1
+// (the calling thread is 0): an index into per-thread scratch allocated
+// before the loop.  Two chunks with one slot never run at the same time.
+int thread_slot() noexcept;
+
 namespace pool_detail {
 using Body = void (*)(void* body, std::int64_t begin, std::int64_t end);
 void run(std::int64_t n, std::int64_t grain, Body body, void* context);
