@@ -236,7 +236,7 @@ image<CT>& ImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOr
 }
 
 template <class CT>
-image<CT>& PureImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOrigD, double fShiftX,
+image<CT>& PureImageShifter(const image<CT>& src, int nOrigW, int nOrigH, int nOrigD, double fShiftX,
                             double fShiftY, double fShiftZ, double fSign, image<CT>& dst) {
     const fft::ShiftAxis axes[3] = {{true, nOrigW, 0.0, fShiftX, true},
                                     {true, nOrigH, 0.0, fShiftY, true},
@@ -367,7 +367,7 @@ template void PureImageShifterXY<double>(int, int, int, int, int, const std::com
         const image<std::complex<T>>&, long, long, long, long, long, long, double, double, double, double,   \
         image<std::complex<T>>&);                                                                             \
     template image<std::complex<T>>& PureImageShifter<std::complex<T>>(                                       \
-        const image<std::complex<T>>&, long, long, long, double, double, double, double,                     \
+        const image<std::complex<T>>&, int, int, int, double, double, double, double,                     \
         image<std::complex<T>>&);
 
 KIX_TRANSFORMS(float)

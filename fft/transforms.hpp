@@ -75,7 +75,7 @@ template <class CT>
 image<CT>& ImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOrigD, long nCX, long nCY, long nCZ,
                         double fShiftX, double fShiftY, double fShiftZ, double fSign, image<CT>& dst);
 template <class CT>
-image<CT>& PureImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOrigD, double fShiftX,
+image<CT>& PureImageShifter(const image<CT>& src, int nOrigW, int nOrigH, int nOrigD, double fShiftX,
                             double fShiftY, double fShiftZ, double fSign, image<CT>& dst);
 // The per-axis members: XY shifts x and y of every plane; X, Y, Z one axis.
 template <class CT>
