@@ -239,18 +239,17 @@ TYPED_TEST(Exported, RawBufferPlanPointersAreCheckedAgainstTheLivePlans) {
     auto* foreign = reinterpret_cast<kix::FFTPlan*>(spec.data());
     EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), foreign, spec.data()); }), gone);
     EXPECT_EQ(error_of([&] { kix::PostprocessRealFFT(static_cast<kix::FFTPlan*>(nullptr)); }), gone);
-    // Bad descriptions are refused before a plan exists.
+    // Bad descriptions (rank 0 or 4, no lengths, a length 0) are refused before a plan exists.
+    long n4[4] = {2, 2, 2, 2}, s5[5] = {0, 8, 4, 2, 1}, zero[1] = {0};
+    auto prepare = [&](int rank, long* lengths, long* strides) {
+        return error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), rank, lengths, strides, strides, T(1), T(1),
+                                                           spec.data(), 1, 0, 0); });
+    };
     const char* bad = "Parameters are invalid.";
-    long n4[4] = {2, 2, 2, 2}, s5[5] = {0, 8, 4, 2, 1};
-    EXPECT_EQ(error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), 0, n, is, os, T(1), T(1), spec.data(), 1, 0, 0); }),
-              bad);
-    EXPECT_EQ(error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), 4, n4, s5, s5, T(1), T(1), spec.data(), 1, 0, 0); }),
-              bad);
-    EXPECT_EQ(error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), 1, nullptr, is, os, T(1), T(1), spec.data(), 1, 0, 0); }),
-              bad);
-    long zero[1] = {0};
-    EXPECT_EQ(error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), 1, zero, is, os, T(1), T(1), spec.data(), 1, 0, 0); }),
-              bad);
+    EXPECT_EQ(prepare(0, n, is), bad);
+    EXPECT_EQ(prepare(4, n4, s5), bad);
+    EXPECT_EQ(prepare(1, nullptr, is), bad);
+    EXPECT_EQ(prepare(1, zero, is), bad);
     // A live plan given null buffers.
     kix::FFTPlan* live = kix::PreprocessRealFFT<T, T>(real.data(), 1, n, is, os, T(1), T(1), spec.data(), 1, 0, 0);
     EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(nullptr, live, spec.data()); }), bad);
