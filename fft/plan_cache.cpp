@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cmath>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -342,13 +342,19 @@ private:
         using P = typename Fftw<T>::Plan;
         using C = typename Fftw<T>::Complex;
         if constexpr (std::is_same_v<T, double>) {
-            if (kind == kC2C) fftw_execute_dft(P(plan), (C*)in, (C*)out);
-            else if (kind == kR2C) fftw_execute_dft_r2c(P(plan), (T*)in, (C*)out);
-            else fftw_execute_dft_c2r(P(plan), (C*)in, (T*)out);
+            if (kind == kC2C)
+                fftw_execute_dft(P(plan), (C*)in, (C*)out);
+            else if (kind == kR2C)
+                fftw_execute_dft_r2c(P(plan), (T*)in, (C*)out);
+            else
+                fftw_execute_dft_c2r(P(plan), (C*)in, (T*)out);
         } else {
-            if (kind == kC2C) fftwf_execute_dft(P(plan), (C*)in, (C*)out);
-            else if (kind == kR2C) fftwf_execute_dft_r2c(P(plan), (T*)in, (C*)out);
-            else fftwf_execute_dft_c2r(P(plan), (C*)in, (T*)out);
+            if (kind == kC2C)
+                fftwf_execute_dft(P(plan), (C*)in, (C*)out);
+            else if (kind == kR2C)
+                fftwf_execute_dft_r2c(P(plan), (T*)in, (C*)out);
+            else
+                fftwf_execute_dft_c2r(P(plan), (C*)in, (T*)out);
         }
     }
 

@@ -209,7 +209,8 @@ fft::Problem problem_of(const RealLayout& l, bool dense, bool inverse) {
 template <class V>
 struct Scratch {
     V* data;
-    explicit Scratch(std::int64_t n) : data(static_cast<V*>(fftw_malloc(sizeof(V) * std::size_t(std::max<std::int64_t>(n, 1))))) {
+    explicit Scratch(std::int64_t n)
+        : data(static_cast<V*>(fftw_malloc(sizeof(V) * std::size_t(std::max<std::int64_t>(n, 1))))) {
         if (!data) fail("Not enough memory for the transform.");
     }
     ~Scratch() { fftw_free(data); }
