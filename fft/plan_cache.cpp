@@ -97,6 +97,12 @@ struct Entry {
     std::atomic<void*> plan{nullptr};
     std::vector<void*> retired;
     std::atomic<bool> measured{false};
+    // A threaded measured plan keeps the one-thread measured plan of the same
+    // problem beside it; calls run whichever has run faster lately (moving
+    // averages of their times, nanoseconds), trying the other now and then.
+    std::atomic<void*> serial{nullptr};
+    std::atomic<std::int64_t> ns_threaded{0}, ns_serial{0};
+    std::atomic<std::uint32_t> runs{0};
     bool queued = false;
     int uses = 0;
     std::uint64_t last_use = 0;
@@ -111,6 +117,7 @@ void destroy_plan(void* p) {
 Entry::~Entry() {
     auto destroy = dbl ? destroy_plan<double> : destroy_plan<float>;
     destroy(plan.load());
+    destroy(serial.load());
     for (void* p : retired) destroy(p);
 }
 
@@ -138,11 +145,6 @@ Policy policy() {
     if (e && std::string(e) == "sync") return Policy::Sync;
     return Policy::Background;
 }
-
-// A threaded plan is kept over the one-thread plan only when its mean time is
-// below this fraction of the one-thread plan's: a one-thread plan slows down
-// gracefully when the cores fill up, a threaded one by several times.
-constexpr double kThreadedGain = 0.8;
 
 // Transforms of at most this many points run on one thread: splitting them
 // gains little when the cores are idle and costs up to tenfold when they are
@@ -175,7 +177,7 @@ public:
     // below); `measured` receives whether the plan returned is a measured one.
     template <class T>
     void* plan(Kind kind, int sign, const Problem& p, void* in, void* out, bool helper = false,
-               bool* measured_out = nullptr) {
+               bool* measured_out = nullptr, Entry** entry_out = nullptr) {
         const int threads = threads_for(p);
         const int ain = Fftw<T>::alignment_of(in), aout = Fftw<T>::alignment_of(out);
         Key key{kind, std::is_same_v<T, double>, sign, in == out, ain, aout, threads, p.rank, p.loops, helper};
@@ -183,14 +185,14 @@ public:
         for (int i = 0; i < p.loops; ++i) key.insert(key.end(), {p.loop[i].n, p.loop[i].is, p.loop[i].os});
 
         const bool upgradable = ain == 0 && aout == 0 && !helper;
-        if (void* found = lookup(key, upgradable, measured_out)) return found;
+        if (void* found = lookup(key, upgradable, measured_out, entry_out)) return found;
 
         std::shared_ptr<Entry> evicted;
         void* made = nullptr;
         {
             std::lock_guard<std::mutex> planner(planner_mutex_);
             // Another thread may have made it while this one waited.
-            if (void* found = lookup(key, upgradable, measured_out)) return found;
+            if (void* found = lookup(key, upgradable, measured_out, entry_out)) return found;
             static std::once_flag threads_once;
             std::call_once(threads_once, [] {
                 fftw_init_threads();
@@ -222,6 +224,7 @@ public:
             e->measured.store(true);
             if (how != Policy::Sync && !helper) e->measured.store(measured);
             if (measured_out) *measured_out = e->measured.load();
+            if (entry_out) *entry_out = e.get();
             e->uses = 1;
             std::lock_guard<std::mutex> lock(map_mutex_);
             e->last_use = ++tick_;
@@ -238,6 +241,25 @@ public:
         return made;
     }
 
+    // Runs the entry's plan, or with a one-thread plan beside it the one of
+    // the two with the lower moving average of its recent times; every 32nd
+    // call runs the other, so that its average follows the load.
+    template <class T>
+    static void run(Entry* e, void* plan, void* in, void* out, Kind kind) {
+        void* serial = e ? e->serial.load(std::memory_order_acquire) : nullptr;
+        if (!serial) return execute<T>(kind, plan, in, out);
+        const std::uint32_t k = e->runs.fetch_add(1, std::memory_order_relaxed);
+        bool one = e->ns_serial.load(std::memory_order_relaxed) < e->ns_threaded.load(std::memory_order_relaxed);
+        if (k % 32 == 31) one = !one;
+        using clock = std::chrono::steady_clock;
+        const auto t0 = clock::now();
+        execute<T>(kind, one ? serial : plan, in, out);
+        const std::int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(clock::now() - t0).count();
+        std::atomic<std::int64_t>& avg = one ? e->ns_serial : e->ns_threaded;
+        const std::int64_t old = avg.load(std::memory_order_relaxed);
+        avg.store(old + (ns - old) / 4, std::memory_order_relaxed);  // races only lose a sample
+    }
+
     void wait() {
         std::unique_lock<std::mutex> lock(map_mutex_);
         idle_.wait(lock, [&] { return queue_.empty() && !busy_; });
@@ -249,11 +271,12 @@ public:
     }
 
 private:
-    void* lookup(const Key& key, bool aligned, bool* measured) {
+    void* lookup(const Key& key, bool aligned, bool* measured, Entry** entry) {
         std::lock_guard<std::mutex> lock(map_mutex_);
         auto it = map_.find(key);
         if (it == map_.end()) return nullptr;
         Entry& e = *it->second;
+        if (entry) *entry = &e;
         // Read before the plan: the worker swaps the plan in, then sets the flag.
         if (measured) *measured = e.measured.load();
         e.last_use = ++tick_;
@@ -319,7 +342,7 @@ private:
             Fftw<T>::nthreads(static_cast<int>(e.key[6]));
             Fftw<T>::timelimit(seconds > 0 ? seconds : FFTW_NO_TIMELIMIT);
             void* made = make<T>(e.kind, e.sign, e.problem, in, out, FFTW_MEASURE);
-            if (made && e.key[6] > 1) made = keep_faster<T>(e, made, in, out, in_bytes, out_bytes);
+            if (made && e.key[6] > 1) pair<T>(e, in, out, in_bytes, out_bytes, made);
             Fftw<T>::timelimit(FFTW_NO_TIMELIMIT);
             if (made) {
                 e.retired.push_back(e.plan.load());
@@ -361,16 +384,17 @@ private:
     // FFTW picks a threaded plan by its best time, but on cores shared with
     // other work its threads wait for each other at every pass and the mean
     // time can be several times the one-thread plan's (a 2048 x 2048
-    // transform: 60 against 42 ms on 2 busy cores).  So a threaded plan is
-    // weighed against the one-thread plan of the same problem by their mean
-    // time over interleaved runs on the scratch arrays, and kept only when
-    // clearly faster; the loser is destroyed.  Under the planner mutex.
+    // transform: 60 against 42 ms on 2 busy cores), while on idle cores the
+    // threaded plan is the faster by nearly two.  Which one wins changes with
+    // the load, so both are kept: the one-thread measured plan is made beside
+    // the threaded one, both are timed over a few interleaved runs on the
+    // scratch arrays to start their averages, and each call picks (run_pair).
+    // Under the planner mutex.
     template <class T>
-    static void* keep_faster(const Entry& e, void* threaded, void* in, void* out, std::size_t in_bytes,
-                             std::size_t out_bytes) {
+    static void pair(Entry& e, void* in, void* out, std::size_t in_bytes, std::size_t out_bytes, void* threaded) {
         Fftw<T>::nthreads(1);
         void* serial = make<T>(e.kind, e.sign, e.problem, in, out, FFTW_MEASURE);
-        if (!serial) return threaded;
+        if (!serial) return;
         std::memset(in, 0, in_bytes);
         if (out != in) std::memset(out, 0, out_bytes);
         using clock = std::chrono::steady_clock;
@@ -386,12 +410,10 @@ private:
             one += time(serial);
             many += time(threaded);
         }
-        if (many < kThreadedGain * one) {
-            Fftw<T>::destroy(static_cast<typename Fftw<T>::Plan>(serial));
-            return threaded;
-        }
-        Fftw<T>::destroy(static_cast<typename Fftw<T>::Plan>(threaded));
-        return serial;
+        e.ns_serial.store(static_cast<std::int64_t>(one / rounds * 1e9));
+        e.ns_threaded.store(static_cast<std::int64_t>(many / rounds * 1e9));
+        void* old = e.serial.exchange(serial, std::memory_order_acq_rel);
+        if (old) e.retired.push_back(old);
     }
 
     void run_worker() {
@@ -534,34 +556,25 @@ void padded_c2c(const Problem& p, int sign, std::complex<T>* in, std::complex<T>
 
 template <class T>
 void execute_c2c(const Problem& p, int sign, std::complex<T>* in, std::complex<T>* out) {
-    using C = typename Fftw<T>::Complex;
     bool measured = true;
-    void* plan = cache().plan<T>(kC2C, sign, p, in, out, false, &measured);
+    Entry* e = nullptr;
+    void* plan = cache().plan<T>(kC2C, sign, p, in, out, false, &measured, &e);
     if (!measured && worth_padding(p)) return padded_c2c<T>(p, sign, in, out);
-    if constexpr (std::is_same_v<T, double>)
-        fftw_execute_dft(static_cast<fftw_plan>(plan), reinterpret_cast<C*>(in), reinterpret_cast<C*>(out));
-    else
-        fftwf_execute_dft(static_cast<fftwf_plan>(plan), reinterpret_cast<C*>(in), reinterpret_cast<C*>(out));
+    Cache::run<T>(e, plan, in, out, kC2C);
 }
 
 template <class T>
 void execute_r2c(const Problem& p, T* in, std::complex<T>* out) {
-    using C = typename Fftw<T>::Complex;
-    void* plan = cache().plan<T>(kR2C, -1, p, in, out);
-    if constexpr (std::is_same_v<T, double>)
-        fftw_execute_dft_r2c(static_cast<fftw_plan>(plan), in, reinterpret_cast<C*>(out));
-    else
-        fftwf_execute_dft_r2c(static_cast<fftwf_plan>(plan), in, reinterpret_cast<C*>(out));
+    Entry* e = nullptr;
+    void* plan = cache().plan<T>(kR2C, -1, p, in, out, false, nullptr, &e);
+    Cache::run<T>(e, plan, in, out, kR2C);
 }
 
 template <class T>
 void execute_c2r(const Problem& p, std::complex<T>* in, T* out) {
-    using C = typename Fftw<T>::Complex;
-    void* plan = cache().plan<T>(kC2R, +1, p, in, out);
-    if constexpr (std::is_same_v<T, double>)
-        fftw_execute_dft_c2r(static_cast<fftw_plan>(plan), reinterpret_cast<C*>(in), out);
-    else
-        fftwf_execute_dft_c2r(static_cast<fftwf_plan>(plan), reinterpret_cast<C*>(in), out);
+    Entry* e = nullptr;
+    void* plan = cache().plan<T>(kC2R, +1, p, in, out, false, nullptr, &e);
+    Cache::run<T>(e, plan, in, out, kC2R);
 }
 
 template <class T>

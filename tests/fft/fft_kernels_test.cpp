@@ -3,6 +3,7 @@
 // geometry, measured plans agreeing with estimated ones); the pointer
 // shifters on padded stacks; the in-place layout rule.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <cmath>
 #include <complex>
@@ -13,6 +14,7 @@
 #include "fft/kernels.hpp"
 #include "fft/plan_cache.hpp"
 #include "fft/transforms.hpp"
+#include "runtime/runtime.hpp"
 
 namespace {
 
@@ -241,6 +243,26 @@ TYPED_TEST(FourierKernels, StridedTransformsOnThePaddedCopy) {
             fft::dft<T>(a.cview(), a.view(), c.axes, +1, T(1));  // in place
             expect_near<T>(a, want, 1.0L);
         }
+    if (before) ::setenv("KIX_FFT_MEASURE", before, 1); else ::unsetenv("KIX_FFT_MEASURE");
+}
+
+// On more than one thread a large geometry keeps a threaded and a one-thread
+// measured plan and each call runs one of them: every call's result must be
+// the transform, whichever ran (40 calls: both have run).
+TEST(FourierPlanCache, ThreadedAndOneThreadPlansBothTransform) {
+    const char* before = std::getenv("KIX_FFT_MEASURE");
+    ::setenv("KIX_FFT_MEASURE", "sync", 1);
+    const int threads = omp_get_max_threads();
+    kix::set_num_threads(2);
+    std::mt19937 rng(21);
+    Img<C<float>> a(64, 64, 65, false), b(64, 64, 65, false);
+    fill<float>(a, rng);
+    const auto want = separable<float>(a, fft::kXYZ, -1);
+    for (int i = 0; i < 40; ++i) {
+        fft::dft<float>(a.cview(), b.view(), fft::kXYZ, -1, 1.0f);
+        expect_near<float>(b, want, 1.0L);
+    }
+    kix::set_num_threads(threads);
     if (before) ::setenv("KIX_FFT_MEASURE", before, 1); else ::unsetenv("KIX_FFT_MEASURE");
 }
 
