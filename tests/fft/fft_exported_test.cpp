@@ -174,7 +174,7 @@ TYPED_TEST(Exported, RawBufferRealPlansMatchNaiveAndRoundTrip) {
         }
         const long rdist = rext + 5, cdist = cext + 1, roff = 2, coff = 1;
         std::vector<T> real(roff + rdist * c.count, T(-7)), back(real.size(), T(-7));
-        std::vector<C<T>> spec(coff + cdist * c.count, C<T>(-9, -9));
+        std::vector<C<T>> spectrum(coff + cdist * c.count, C<T>(-9, -9));
         std::vector<long> istr{roff}, ostr{coff};
         istr.insert(istr.end(), rs.begin(), rs.end());
         ostr.insert(ostr.end(), cs.begin(), cs.end());
@@ -190,10 +190,10 @@ TYPED_TEST(Exported, RawBufferRealPlansMatchNaiveAndRoundTrip) {
             for (long k = 0; k < total; ++k) real[real_at(b, k)] = T(nd(rng));
 
         kix::FFTPlan* plan = kix::PreprocessRealFFT<T, T>(real.data(), rank, lengths.data(), istr.data(), ostr.data(),
-                                                          T(2), T(0.5 / double(total)), spec.data(), c.count, rdist,
+                                                          T(2), T(0.5 / double(total)), spectrum.data(), c.count, rdist,
                                                           cdist);
         ASSERT_NE(plan, nullptr);
-        kix::ProcessRealFFT(real.data(), plan, spec.data());
+        kix::ProcessRealFFT(real.data(), plan, spectrum.data());
         const long double tol = tolerance<T>(total);
         const std::int64_t n3[3] = {rank > 2 ? c.n[rank - 3] : 1, rank > 1 ? c.n[rank - 2] : 1, last};
         for (long b = 0; b < c.count; ++b) {
@@ -204,13 +204,13 @@ TYPED_TEST(Exported, RawBufferRealPlansMatchNaiveAndRoundTrip) {
                 long off = coff + b * cdist, r = k;
                 off += (r % half) * cs[rank - 1], r /= half;
                 for (int i = rank - 2; i >= 0; --i) off += (r % c.n[i]) * cs[i], r /= c.n[i];
-                ASSERT_LE(std::abs(LC(spec[off]) - 2.0L * want[k]), 2 * tol) << b << ":" << k;
+                ASSERT_LE(std::abs(LC(spectrum[off]) - 2.0L * want[k]), 2 * tol) << b << ":" << k;
             }
         }
-        EXPECT_EQ(spec[0], C<T>(-9, -9));  // before the offset: untouched
-        const std::vector<C<T>> kept = spec;
-        kix::ProcessRealIFFT(spec.data(), plan, back.data());
-        EXPECT_EQ(spec, kept);  // the inverse leaves its input alone
+        EXPECT_EQ(spectrum[0], C<T>(-9, -9));  // before the offset: untouched
+        const std::vector<C<T>> kept = spectrum;
+        kix::ProcessRealIFFT(spectrum.data(), plan, back.data());
+        EXPECT_EQ(spectrum, kept);  // the inverse leaves its input alone
         for (long b = 0; b < c.count; ++b)
             for (long k = 0; k < total; ++k)
                 ASSERT_LE(std::abs((long double)back[real_at(b, k)] - real[real_at(b, k)]), tol);
@@ -223,27 +223,27 @@ TYPED_TEST(Exported, RawBufferPlanPointersAreCheckedAgainstTheLivePlans) {
     using T = TypeParam;
     const char* gone = "The transform plan does not exist or has been released.";
     std::vector<T> real(16, T(1));
-    std::vector<C<T>> spec(9);
+    std::vector<C<T>> spectrum(9);
     long n[1] = {16}, is[2] = {0, 1}, os[2] = {0, 1};
-    kix::FFTPlan* plan = kix::PreprocessRealFFT<T, T>(real.data(), 1, n, is, os, T(1), T(1), spec.data(), 1, 0, 0);
-    kix::ProcessRealFFT(real.data(), plan, spec.data());
-    EXPECT_EQ(spec[0], C<T>(16, 0));  // a constant: everything at frequency 0
-    EXPECT_EQ(spec[3], C<T>(0, 0));
+    kix::FFTPlan* plan = kix::PreprocessRealFFT<T, T>(real.data(), 1, n, is, os, T(1), T(1), spectrum.data(), 1, 0, 0);
+    kix::ProcessRealFFT(real.data(), plan, spectrum.data());
+    EXPECT_EQ(spectrum[0], C<T>(16, 0));  // a constant: everything at frequency 0
+    EXPECT_EQ(spectrum[3], C<T>(0, 0));
     kix::PostprocessRealFFT(plan);
     // Released, released twice, never issued, inside a plan, null: errors, no reads.
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), plan, spec.data()); }), gone);
-    EXPECT_EQ(error_of([&] { kix::ProcessRealIFFT(spec.data(), plan, real.data()); }), gone);
+    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), plan, spectrum.data()); }), gone);
+    EXPECT_EQ(error_of([&] { kix::ProcessRealIFFT(spectrum.data(), plan, real.data()); }), gone);
     EXPECT_EQ(error_of([&] { kix::PostprocessRealFFT(plan); }), gone);
     auto* inside = reinterpret_cast<kix::FFTPlan*>(reinterpret_cast<char*>(plan) + 8);
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), inside, spec.data()); }), gone);
-    auto* foreign = reinterpret_cast<kix::FFTPlan*>(spec.data());
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), foreign, spec.data()); }), gone);
+    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), inside, spectrum.data()); }), gone);
+    auto* foreign = reinterpret_cast<kix::FFTPlan*>(spectrum.data());
+    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), foreign, spectrum.data()); }), gone);
     EXPECT_EQ(error_of([&] { kix::PostprocessRealFFT(static_cast<kix::FFTPlan*>(nullptr)); }), gone);
     // Bad descriptions (rank 0 or 4, no lengths, a length 0) are refused before a plan exists.
     long n4[4] = {2, 2, 2, 2}, s5[5] = {0, 8, 4, 2, 1}, zero[1] = {0};
     auto prepare = [&](int rank, long* lengths, long* strides) {
         return error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), rank, lengths, strides, strides, T(1), T(1),
-                                                           spec.data(), 1, 0, 0); });
+                                                           spectrum.data(), 1, 0, 0); });
     };
     const char* bad = "Parameters are invalid.";
     EXPECT_EQ(prepare(0, n, is), bad);
@@ -251,8 +251,8 @@ TYPED_TEST(Exported, RawBufferPlanPointersAreCheckedAgainstTheLivePlans) {
     EXPECT_EQ(prepare(1, nullptr, is), bad);
     EXPECT_EQ(prepare(1, zero, is), bad);
     // A live plan given null buffers.
-    kix::FFTPlan* live = kix::PreprocessRealFFT<T, T>(real.data(), 1, n, is, os, T(1), T(1), spec.data(), 1, 0, 0);
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(nullptr, live, spec.data()); }), bad);
+    kix::FFTPlan* live = kix::PreprocessRealFFT<T, T>(real.data(), 1, n, is, os, T(1), T(1), spectrum.data(), 1, 0, 0);
+    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(nullptr, live, spectrum.data()); }), bad);
     kix::PostprocessRealFFT(live);
 }
 
