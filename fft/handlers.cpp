@@ -440,11 +440,7 @@ Image run_plan(const Image& src, const String& token, const Image& dst, bool rea
     KIX_CHECK(src.IsValid() && dst.IsValid(), "Parameters are invalid.");
     const std::string t = token_of(token);
     const pixels s(src), d(dst);
-    fft::require_plan_images(t, real, forward, s, d);
-    if (real)
-        (forward ? ProcessRealFFT : ProcessRealIFFT)(s.bytes(), t, d.bytes());
-    else
-        (forward ? ProcessFFT : ProcessIFFT)(s.bytes(), t, d.bytes());
+    fft::process_images(t, real, forward, s, d);
     changed(dst);
     return dst;
 }

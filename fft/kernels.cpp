@@ -109,11 +109,17 @@ void r2c(const Strided<const T>& src, const Strided<C<T>>& dst, unsigned axes, T
     scale(Strided<C<T>>{dst.data, half}, s);
 }
 
+namespace {
+
+// Half to real into `out`, whose real elements sit `unit` apart along x and
+// at unit times the strides of `size` along y and z (unit 2: the real parts
+// of complex pixels).
 template <class T>
-void c2r(const Strided<const C<T>>& src, const Strided<T>& dst, unsigned axes, T s, bool conjugate) {
+void c2r_into(const Strided<const C<T>>& src, const Geometry& size, T* out, std::int64_t unit, unsigned axes, T s,
+              bool conjugate) {
     const int h = halved_axis(axes);
-    Geometry half = dense(h == 0 ? dst.g.nx / 2 + 1 : dst.g.nx, h == 1 ? dst.g.ny / 2 + 1 : dst.g.ny,
-                          h == 2 ? dst.g.nz / 2 + 1 : dst.g.nz);
+    const Geometry half = dense(h == 0 ? size.nx / 2 + 1 : size.nx, h == 1 ? size.ny / 2 + 1 : size.ny,
+                                h == 2 ? size.nz / 2 + 1 : size.nz);
     // FFTW's half-to-real transforms overwrite their input: they run on a copy,
     // which also takes the scale (and the conjugate) in the same pass.
     Scratch<C<T>> work(half.count());
@@ -125,9 +131,63 @@ void c2r(const Strided<const C<T>>& src, const Strided<T>& dst, unsigned axes, T
         else
             for (std::int64_t x = 0; x < half.nx; ++x) b[x] = a[x] * s;
     });
-    AxisInfo a = axes_of(dst.g, half, dst.g);
-    const Problem p = problem_of(a, axes, h);
-    execute_c2r<T>(p, work.data, dst.data);
+    const AxisInfo a{{size.nx, size.ny, size.nz},
+                     {1, half.row_stride, half.plane_stride},
+                     {unit, unit * size.row_stride, unit * size.plane_stride}};
+    execute_c2r<T>(problem_of(a, axes, h), work.data, out);
+}
+
+// Whether two views' pixel ranges share any byte.
+template <class A, class B>
+bool overlap(const Strided<A>& a, const Strided<B>& b) {
+    auto end = [](const auto& v) {
+        const Geometry& g = v.g;
+        return reinterpret_cast<const char*>(v.data + g.offset(g.nx - 1, g.ny - 1, g.nz - 1) + 1);
+    };
+    const char* a0 = reinterpret_cast<const char*>(a.data);
+    const char* b0 = reinterpret_cast<const char*>(b.data);
+    return a0 < end(b) && b0 < end(a);
+}
+
+}  // namespace
+
+template <class T>
+void c2r(const Strided<const C<T>>& src, const Strided<T>& dst, unsigned axes, T s, bool conjugate) {
+    c2r_into<T>(src, dst.g, dst.data, 1, axes, s, conjugate);
+}
+
+template <class T>
+void c2r_complex(const Strided<const C<T>>& src, const Strided<C<T>>& dst, T s) {
+    // The source is copied before anything is written, so dst may be src.
+    c2r_into<T>(src, dst.g, reinterpret_cast<T*>(dst.data), 2, kXYZ, s, false);
+    for_rows(dst.g, [&](std::int64_t y, std::int64_t z) {
+        C<T>* d = dst.row(y, z);
+        for (std::int64_t x = 0; x < dst.g.nx; ++x) d[x].imag(T(0));
+    });
+}
+
+template <class T>
+void r2c_real_parts(const Strided<const C<T>>& src, const Strided<C<T>>& dst, T s) {
+    const Geometry& g = src.g;
+    if (overlap(src, dst)) {
+        // In place: the real parts are gathered first, as the output overwrites them.
+        Scratch<T> re(g.count());
+        const Geometry d = dense(g.nx, g.ny, g.nz);
+        for_rows(g, [&](std::int64_t y, std::int64_t z) {
+            const C<T>* a = src.row(y, z);
+            T* b = re.data + d.offset(0, y, z);
+            for (std::int64_t x = 0; x < g.nx; ++x) b[x] = a[x].real();
+        });
+        r2c<T>(Strided<const T>{re.data, d}, dst, kXYZ, s);
+        return;
+    }
+    const AxisInfo a{{g.nx, g.ny, g.nz},
+                     {2, 2 * g.row_stride, 2 * g.plane_stride},
+                     {1, dst.g.row_stride, dst.g.plane_stride}};
+    execute_r2c<T>(problem_of(a, kXYZ, 0), reinterpret_cast<T*>(const_cast<C<T>*>(src.data)), dst.data);
+    Geometry half = dst.g;
+    half.nx = g.nx / 2 + 1, half.ny = g.ny, half.nz = g.nz;
+    scale(Strided<C<T>>{dst.data, half}, s);
 }
 
 template <class T>
@@ -286,6 +346,8 @@ double hermitian_deviation(const Strided<const C<T>>& src, int layout) {
     template void dft<T>(const Strided<const C<T>>&, const Strided<C<T>>&, unsigned, int, T);                  \
     template void r2c<T>(const Strided<const T>&, const Strided<C<T>>&, unsigned, T);                          \
     template void c2r<T>(const Strided<const C<T>>&, const Strided<T>&, unsigned, T, bool);                    \
+    template void r2c_real_parts<T>(const Strided<const C<T>>&, const Strided<C<T>>&, T);                      \
+    template void c2r_complex<T>(const Strided<const C<T>>&, const Strided<C<T>>&, T);                         \
     template void phase_ramp<T>(const Strided<const C<T>>&, const Strided<C<T>>&, const ShiftAxis[3], double, \
                                 double);                                                                      \
     template void prepare_dft<T>(const Strided<const C<T>>&, const Strided<C<T>>&, unsigned, int);             \

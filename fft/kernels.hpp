@@ -48,6 +48,16 @@ void r2c(const Strided<const T>& src, const Strided<C<T>>& dst, unsigned axes, T
 template <class T>
 void c2r(const Strided<const C<T>>& src, const Strided<T>& dst, unsigned axes, T scale, bool conjugate = false);
 
+// The same pair on complex pixels (every axis, x halved): r2c_real_parts
+// transforms the real parts of src (its imaginary parts are not read) into
+// columns 0 .. W/2 of dst; c2r_complex writes the real result into dst as
+// complex pixels with zero imaginary parts, dst giving the real-space sizes.
+// src and dst may be the same pixels.
+template <class T>
+void r2c_real_parts(const Strided<const C<T>>& src, const Strided<C<T>>& dst, T scale);
+template <class T>
+void c2r_complex(const Strided<const C<T>>& src, const Strided<C<T>>& dst, T scale);
+
 // The plans of dft, r2c and c2r for these views made ahead (nothing runs).
 template <class T>
 void prepare_dft(const Strided<const C<T>>& src, const Strided<C<T>>& dst, unsigned axes, int sign);

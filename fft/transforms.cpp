@@ -137,6 +137,28 @@ image<T>& HalfPureIFFT(const image<std::complex<T>>& src, T fScale, image<T>& ds
     return dst;
 }
 
+template <class CT, class T>
+image<CT>& HalfPureFFT2(const image<CT>& src, T fScale, image<CT>& dst) {
+    static_assert(std::is_same_v<CT, std::complex<T>>, "complex pixels of the scale's precision");
+    const image<CT>& cimSrc = src;
+    const image<CT>& cimDst = dst;
+    KIX_FFT_ASSERT(cimDst.width() >= cimSrc.width()/2 + 1, "HalfPureFFT2");
+    KIX_FFT_ASSERT(cimDst.height() == cimSrc.height() && cimDst.depth() == cimSrc.depth(), "HalfPureFFT2");
+    fft::r2c_real_parts<T>(in(src), dst.strided(), fScale);
+    return dst;
+}
+
+template <class T, class CT>
+image<CT>& HalfPureIFFT2(const image<CT>& src, T fScale, image<CT>& dst) {
+    static_assert(std::is_same_v<CT, std::complex<T>>, "complex pixels of the scale's precision");
+    const image<CT>& cimSrc = src;
+    const image<CT>& cimDst = dst;
+    KIX_FFT_ASSERT(cimSrc.width() >= cimDst.width()/2 + 1, "HalfPureIFFT2");
+    KIX_FFT_ASSERT(cimSrc.height() == cimDst.height() && cimSrc.depth() == cimDst.depth(), "HalfPureIFFT2");
+    fft::c2r_complex<T>(in(src), dst.strided(), fScale);
+    return dst;
+}
+
 template <class T>
 image<std::complex<T>>& HalfFFT(const image<T>& src, T fScale, image<std::complex<T>>& dst) {
     // The half spectrum lands in the destination's own pixels (columns 0 ..
@@ -214,7 +236,7 @@ image<CT>& ImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOr
 }
 
 template <class CT>
-image<CT>& PureImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOrigD, double fShiftX,
+image<CT>& PureImageShifter(const image<CT>& src, int nOrigW, int nOrigH, int nOrigD, double fShiftX,
                             double fShiftY, double fShiftZ, double fSign, image<CT>& dst) {
     const fft::ShiftAxis axes[3] = {{true, nOrigW, 0.0, fShiftX, true},
                                     {true, nOrigH, 0.0, fShiftY, true},
@@ -330,6 +352,10 @@ template void PureImageShifterXY<double>(int, int, int, int, int, const std::com
     template image<std::complex<T>>& IFFT<T>(const image<std::complex<T>>&, T, image<std::complex<T>>&);       \
     template image<std::complex<T>>& HalfPureFFT<T>(const image<T>&, T, image<std::complex<T>>&, unsigned);    \
     template image<T>& HalfPureIFFT<T>(const image<std::complex<T>>&, T, image<T>&, unsigned);                 \
+    template image<std::complex<T>>& HalfPureFFT2<std::complex<T>, T>(const image<std::complex<T>>&, T,       \
+                                                                      image<std::complex<T>>&);               \
+    template image<std::complex<T>>& HalfPureIFFT2<T, std::complex<T>>(const image<std::complex<T>>&, T,      \
+                                                                       image<std::complex<T>>&);              \
     template image<std::complex<T>>& HalfFFT<T>(const image<T>&, T, image<std::complex<T>>&);                  \
     template image<T>& HalfIFFT<T>(const image<std::complex<T>>&, T, image<T>&);                               \
     template image<std::complex<T>>& RealFFT<T>(const image<T>&, T, image<std::complex<T>>&);                  \
@@ -341,7 +367,7 @@ template void PureImageShifterXY<double>(int, int, int, int, int, const std::com
         const image<std::complex<T>>&, long, long, long, long, long, long, double, double, double, double,   \
         image<std::complex<T>>&);                                                                             \
     template image<std::complex<T>>& PureImageShifter<std::complex<T>>(                                       \
-        const image<std::complex<T>>&, long, long, long, double, double, double, double,                     \
+        const image<std::complex<T>>&, int, int, int, double, double, double, double,                     \
         image<std::complex<T>>&);
 
 KIX_TRANSFORMS(float)

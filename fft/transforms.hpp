@@ -38,6 +38,17 @@ image<std::complex<T>>& HalfPureFFT(const image<T>& src, T fScale, image<std::co
                                     unsigned axes = fft::kXYZ);
 template <class T>
 image<T>& HalfPureIFFT(const image<std::complex<T>>& src, T fScale, image<T>& dst, unsigned axes = fft::kXYZ);
+// The same half transforms with complex pixels on both sides (CT =
+// std::complex<T>), for code that keeps every stage of a spectrum in complex
+// images: HalfPureFFT2 reads the real parts of src (the imaginary parts are
+// ignored) and writes columns 0 .. W/2 of dst; HalfPureIFFT2 reads columns
+// 0 .. W/2 of src and writes the real image into dst with zero imaginary
+// parts, dst giving the real-space sizes.  Every axis; src and dst may be one
+// image (in place).
+template <class CT, class T>
+image<CT>& HalfPureFFT2(const image<CT>& src, T fScale, image<CT>& dst);
+template <class T, class CT>
+image<CT>& HalfPureIFFT2(const image<CT>& src, T fScale, image<CT>& dst);
 // The "half" layout (kernels.hpp): a W x H spectrum of a real image, centred.
 template <class T>
 image<std::complex<T>>& HalfFFT(const image<T>& src, T fScale, image<std::complex<T>>& dst);
@@ -64,7 +75,7 @@ template <class CT>
 image<CT>& ImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOrigD, long nCX, long nCY, long nCZ,
                         double fShiftX, double fShiftY, double fShiftZ, double fSign, image<CT>& dst);
 template <class CT>
-image<CT>& PureImageShifter(const image<CT>& src, long nOrigW, long nOrigH, long nOrigD, double fShiftX,
+image<CT>& PureImageShifter(const image<CT>& src, int nOrigW, int nOrigH, int nOrigD, double fShiftX,
                             double fShiftY, double fShiftZ, double fSign, image<CT>& dst);
 // The per-axis members: XY shifts x and y of every plane; X, Y, Z one axis.
 template <class CT>

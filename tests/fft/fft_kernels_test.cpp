@@ -3,6 +3,7 @@
 // geometry, measured plans agreeing with estimated ones); the pointer
 // shifters on padded stacks; the in-place layout rule.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <cmath>
 #include <complex>
@@ -13,6 +14,7 @@
 #include "fft/kernels.hpp"
 #include "fft/plan_cache.hpp"
 #include "fft/transforms.hpp"
+#include "runtime/runtime.hpp"
 
 namespace {
 
@@ -192,6 +194,76 @@ TEST(FourierLayouts, HalfPureToCentredInPlaceEqualsOutOfPlace) {
     EXPECT_EQ(fft::pure_frequency(4, 8, 5), 4);   // ... of a half spectrum positive
     EXPECT_EQ(fft::pure_frequency(4, 9, 9), 4);
     EXPECT_EQ(fft::pure_frequency(5, 9, 9), -4);
+}
+
+// Separable DFT along the axes in `axes`, axis by axis, in long double with
+// exact twiddle tables: fast enough for the 2^15-point views below.
+template <class T>
+std::vector<C<long double>> separable(Img<C<T>>& a, unsigned axes, int sign) {
+    const std::int64_t n[3] = {a.g.nx, a.g.ny, a.g.nz};
+    std::vector<C<long double>> v(static_cast<std::size_t>(n[0] * n[1] * n[2]));
+    for (std::int64_t z = 0; z < n[2]; ++z)
+        for (std::int64_t y = 0; y < n[1]; ++y)
+            for (std::int64_t x = 0; x < n[0]; ++x) v[x + n[0] * (y + n[1] * z)] = C<long double>(a.at(x, y, z));
+    const std::int64_t step[3] = {1, n[0], n[0] * n[1]};
+    const long double pi = 3.141592653589793238462643383279502884L;
+    for (int ax = 0; ax < 3; ++ax) {
+        if (!(axes & (1u << ax)) || n[ax] == 1) continue;
+        const std::int64_t m = n[ax];
+        std::vector<C<long double>> w(static_cast<std::size_t>(m)), line(w.size());
+        for (std::int64_t j = 0; j < m; ++j) w[j] = std::polar(1.0L, sign * 2 * pi * j / m);
+        for (std::int64_t base = 0; base < std::int64_t(v.size()); ++base) {
+            if ((base / step[ax]) % m != 0) continue;  // the first element of each line
+            for (std::int64_t k = 0; k < m; ++k) {
+                C<long double> s = 0;
+                for (std::int64_t j = 0; j < m; ++j) s += v[base + j * step[ax]] * w[(j * k) % m];
+                line[k] = s;
+            }
+            for (std::int64_t k = 0; k < m; ++k) v[base + k * step[ax]] = line[k];
+        }
+    }
+    return v;
+}
+
+// Large transforms along strided axes run on a padded copy until their
+// measured plan is in; with estimated plans only they always do.
+TYPED_TEST(FourierKernels, StridedTransformsOnThePaddedCopy) {
+    using T = TypeParam;
+    const char* before = std::getenv("KIX_FFT_MEASURE");
+    ::setenv("KIX_FFT_MEASURE", "0", 1);
+    std::mt19937 rng(13);
+    for (const Case& c : {Case{256, 128, 1, fft::kXYZ}, Case{128, 64, 4, fft::kY}, Case{64, 32, 16, fft::kXYZ},
+                          Case{32, 32, 32, fft::kZ}})
+        for (bool padded : {false, true}) {
+            Img<C<T>> a(c.nx, c.ny, c.nz, padded), b(c.nx, c.ny, c.nz, !padded);
+            fill<T>(a, rng);
+            const auto want = separable<T>(a, c.axes, +1);
+            fft::dft<T>(a.cview(), b.view(), c.axes, +1, T(1));
+            expect_near<T>(b, want, 1.0L);
+            fft::dft<T>(a.cview(), a.view(), c.axes, +1, T(1));  // in place
+            expect_near<T>(a, want, 1.0L);
+        }
+    if (before) ::setenv("KIX_FFT_MEASURE", before, 1); else ::unsetenv("KIX_FFT_MEASURE");
+}
+
+// On more than one thread a large geometry keeps a threaded and a one-thread
+// measured plan and each call runs one of them: every call's result must be
+// the transform, whichever ran (40 calls: both have run).
+TEST(FourierPlanCache, ThreadedAndOneThreadPlansBothTransform) {
+    const char* before = std::getenv("KIX_FFT_MEASURE");
+    ::setenv("KIX_FFT_MEASURE", "sync", 1);
+    const int threads = omp_get_max_threads();
+    kix::set_num_threads(2);
+    std::mt19937 rng(21);
+    Img<C<float>> a(64, 64, 65, false), b(64, 64, 65, false);
+    fill<float>(a, rng);
+    const auto want = separable<float>(a, fft::kXYZ, -1);
+    for (int i = 0; i < 40; ++i) {
+        fft::dft<float>(a.cview(), b.view(), fft::kXYZ, -1, 1.0f);
+        expect_near<float>(b, want, 1.0L);
+    }
+    kix::set_num_threads(threads);
+    if (before) ::setenv("KIX_FFT_MEASURE", before, 1); else ::unsetenv("KIX_FFT_MEASURE");
 }
 
 TEST(FourierPlanCache, OnePlanPerGeometryAndMeasuredPlansAgree) {
