@@ -6,10 +6,12 @@
 #include <cmath>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "fft/plan_cache.hpp"
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 
 namespace kix::fft {
 namespace {
@@ -74,8 +76,9 @@ int halved_axis(unsigned axes) { return axes == kZ ? 2 : axes == kY ? 1 : 0; }
 template <class F>
 void for_rows(const Geometry& g, F&& f) {
     const std::int64_t rows = g.ny * g.nz;
-#pragma omp parallel for schedule(static) if (g.count() > kParallel)
-    for (std::int64_t r = 0; r < rows; ++r) f(r % g.ny, r / g.ny);
+    kix::parallel_for(rows, g.count() > kParallel ? kix::grain_for(g.nx) : rows, [&](std::int64_t r0, std::int64_t r1) {
+        for (std::int64_t r = r0; r < r1; ++r) f(r % g.ny, r / g.ny);
+    });
 }
 
 }  // namespace
@@ -325,19 +328,25 @@ double hermitian_deviation(const Strided<const C<T>>& src, int layout) {
     auto mirror = [layout](std::int64_t i, std::int64_t n) {
         return layout == 1 && (n & 1) ? n - 1 - i : (n - i) % n;
     };
-    double dev = 0, mag = 0;
     const std::int64_t rows = g.ny * g.nz;
-#pragma omp parallel for schedule(static) reduction(max : dev, mag) if (g.count() > kParallel)
-    for (std::int64_t r = 0; r < rows; ++r) {
-        const std::int64_t y = r % g.ny, z = r / g.ny;
-        const C<T>* a = src.row(y, z);
-        const C<T>* b = src.row(mirror(y, g.ny), mirror(z, g.nz));
-        for (std::int64_t x = 0; x < g.nx; ++x) {
-            const std::complex<double> u(a[x]), v(b[mirror(x, g.nx)]);
-            dev = std::max(dev, std::abs(u - std::conj(v)));
-            mag = std::max(mag, std::abs(u));
-        }
-    }
+    using Pair = std::pair<double, double>;  // largest deviation, largest magnitude
+    const auto [dev, mag] = kix::parallel_reduce(
+        rows, g.count() > kParallel ? kix::grain_for(g.nx) : rows, Pair{0, 0},
+        [&](std::int64_t r0, std::int64_t r1) {
+            double d = 0, m = 0;
+            for (std::int64_t r = r0; r < r1; ++r) {
+                const std::int64_t y = r % g.ny, z = r / g.ny;
+                const C<T>* a = src.row(y, z);
+                const C<T>* b = src.row(mirror(y, g.ny), mirror(z, g.nz));
+                for (std::int64_t x = 0; x < g.nx; ++x) {
+                    const std::complex<double> u(a[x]), v(b[mirror(x, g.nx)]);
+                    d = std::max(d, std::abs(u - std::conj(v)));
+                    m = std::max(m, std::abs(u));
+                }
+            }
+            return Pair{d, m};
+        },
+        [](Pair p, Pair q) { return Pair{std::max(p.first, q.first), std::max(p.second, q.second)}; });
     return mag > 0 ? dev / mag : 0.0;
 }
 

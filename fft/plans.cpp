@@ -12,6 +12,7 @@
 #include "fft/kernels.hpp"
 #include "fft/plan_cache.hpp"
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 
 namespace kix {
 
@@ -223,8 +224,11 @@ struct Scratch {
 template <class F>
 void for_lines(const RealLayout& l, F&& f) {
     const std::int64_t lines = l.lines();
-#pragma omp parallel for schedule(static) if (lines * l.half(l.rank - 1) > (std::int64_t(1) << 18))
-    for (std::int64_t k = 0; k < lines; ++k) f(l.line_offset(k, false), l.line_offset(k, true));
+    const std::int64_t n = l.half(l.rank - 1);
+    kix::parallel_for(lines, lines * n > (std::int64_t(1) << 18) ? kix::grain_for(n) : lines,
+                      [&](std::int64_t k0, std::int64_t k1) {
+                          for (std::int64_t k = k0; k < k1; ++k) f(l.line_offset(k, false), l.line_offset(k, true));
+                      });
 }
 
 template <class T>

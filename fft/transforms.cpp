@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 
 namespace kix {
@@ -187,18 +188,21 @@ image<std::complex<T>>& RealFFT(const image<T>& src, T fScale, image<std::comple
     // Conjugate the kept half in place, then fill x > W/2 from the mirror
     // (which reads only kept columns, so rows are independent).
     const std::int64_t rows = H * D;
-#pragma omp parallel for schedule(static) if (rows * W > (1 << 18))
-    for (std::int64_t r = 0; r < rows; ++r) {
-        std::complex<T>* row = d.row(r % H, r / H);
-        for (std::int64_t x = 0; x < hw; ++x) row[x] = std::conj(row[x]);
-    }
-#pragma omp parallel for schedule(static) if (rows * W > (1 << 18))
-    for (std::int64_t r = 0; r < rows; ++r) {
-        const std::int64_t y = r % H, z = r / H;
-        std::complex<T>* row = d.row(y, z);
-        const std::complex<T>* m = d.row((H - y) % H, (D - z) % D);
-        for (std::int64_t x = hw; x < W; ++x) row[x] = std::conj(m[W - x]);
-    }
+    const std::int64_t grain = rows * W > (1 << 18) ? kix::grain_for(W) : rows;
+    kix::parallel_for(rows, grain, [&](std::int64_t r0, std::int64_t r1) {
+        for (std::int64_t r = r0; r < r1; ++r) {
+            std::complex<T>* row = d.row(r % H, r / H);
+            for (std::int64_t x = 0; x < hw; ++x) row[x] = std::conj(row[x]);
+        }
+    });
+    kix::parallel_for(rows, grain, [&](std::int64_t r0, std::int64_t r1) {
+        for (std::int64_t r = r0; r < r1; ++r) {
+            const std::int64_t y = r % H, z = r / H;
+            std::complex<T>* row = d.row(y, z);
+            const std::complex<T>* m = d.row((H - y) % H, (D - z) % D);
+            for (std::int64_t x = hw; x < W; ++x) row[x] = std::conj(m[W - x]);
+        }
+    });
     return dst;
 }
 
