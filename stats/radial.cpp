@@ -173,9 +173,10 @@ template <bool Two, class T>
 
 // Bins of one piece: bin i has kSlots slots, position j using slot j mod
 // kSlots, so that neighbouring positions of one bin do not wait for each
-// other's stores; two spare bins take what lands beyond the last (a zero
-// share of a pixel exactly at the largest radius).
-constexpr std::int64_t kSlots = 4;
+// other's stores (two slots measured as fast as four); two spare bins take
+// what lands beyond the last (a zero share of a pixel exactly at the largest
+// radius).
+constexpr std::int64_t kSlots = 2;
 // Weight, sum and sum of squares of a bin slot (four doubles, the last
 // unused), updated as one vector; its minimum and negated maximum (two T),
 // updated as one vector minimum.  Loaded and stored by memcpy: the arrays
@@ -234,15 +235,20 @@ template <class T>
         share[j] = fr;
         rest[j] = T(1) - fr;
     }
+    const double* const count = f.count.data();
+    const double* const sum = f.sum.data();
+    const double* const sum_sq = f.sum_sq.data();
+    const T* const lo = f.min.data();
+    const T* const hi = f.max.data();
     for (std::int64_t j = 0; j < m; ++j) {
         const std::int64_t lane = j & (kSlots - 1);
         const std::int64_t i0 = lower[j];
-        const Extremes<T> e = {f.min[j], -f.max[j]};
+        const Extremes<T> e = {lo[j], -hi[j]};
         lower_pair(ext + 2 * (nearest[j] * kSlots + lane), e);
-        const Sums add = {f.count[j], f.sum[j], f.sum_sq[j], 0.0};
-        double* const lo = sums + 4 * (i0 * kSlots + lane);
-        add_sums(lo, add, rest[j]);
-        add_sums(lo + 4 * kSlots, add, share[j]);
+        const Sums add = {count[j], sum[j], sum_sq[j], 0.0};
+        double* const at = sums + 4 * (i0 * kSlots + lane);
+        add_sums(at, add, rest[j]);
+        add_sums(at + 4 * kSlots, add, share[j]);
     }
 }
 
@@ -285,7 +291,8 @@ void radial_survey(const T* src, const Geometry& g, std::int64_t cx, std::int64_
     const std::int64_t nd = rows.hi - rows.lo + 1, m = cols.hi - cols.lo + 1;
     const std::int64_t pieces = std::clamp<std::int64_t>(nd / kPieceRows, 1, kMaxPieces);
     const std::int64_t slots = (n + 2) * kSlots;
-    std::vector<double> sums(static_cast<std::size_t>(4 * pieces * slots));
+    std::vector<double> sums_buffer(static_cast<std::size_t>(4 * pieces * slots));
+    double* const sums = sums_buffer.data();
     std::vector<T> ext(static_cast<std::size_t>(2 * pieces * slots), std::numeric_limits<T>::max());
     const bool wide = HasSSE2() && isa_level() >= kIsaAVX512;
     const bool parallel = pieces > 1 && g.nx * g.ny >= (1 << 16);
@@ -298,7 +305,7 @@ void radial_survey(const T* src, const Geometry& g, std::int64_t cx, std::int64_
         Folded<T>& f = work[static_cast<std::size_t>(omp_get_thread_num())];
 #pragma omp for schedule(dynamic, 1)
         for (std::int64_t p = 0; p < pieces; ++p) {
-            double* const ps = sums.data() + 4 * p * slots;
+            double* const ps = sums + 4 * p * slots;
             T* const pe = ext.data() + 2 * p * slots;
             const std::int64_t d0 = rows.lo + nd * p / pieces, d1 = rows.lo + nd * (p + 1) / pieces;
             for (std::int64_t d = d0; d < d1; ++d) {
@@ -327,7 +334,7 @@ void radial_survey(const T* src, const Geometry& g, std::int64_t cx, std::int64_
     // Pieces merged in order, each read front to back.
     std::vector<double> wsum(static_cast<std::size_t>(n)), ssum(wsum.size()), qsum(wsum.size());
     for (std::int64_t p = 0; p < pieces; ++p) {
-        const double* ps = sums.data() + 4 * p * slots;
+        const double* ps = sums + 4 * p * slots;
         const T* pe = ext.data() + 2 * p * slots;
         for (std::int64_t i = 0; i < n; ++i)
             for (std::int64_t l = i * kSlots; l < (i + 1) * kSlots; ++l) {
