@@ -82,10 +82,13 @@ def cases(ctx):
                         peers={"numpy bincount": numpy_profile}, bytes=a.nbytes))
     # Around a corner no pixel has a mirror partner: every pixel is one bin update.
     corner = np.rint(np.hypot(xx, yy)).astype(np.intp).ravel()
+
+    def numpy_corner_profile():
+        return np.bincount(corner, flat) / np.maximum(np.bincount(corner), 1)
+
     out.append(ctx.case(f"Radial survey {side}x{side}, corner centre",
                         kix=lambda: h.call("KIXRadialSurveyDLL", img, 0, 0, 1.0, 1.0),
-                        peers={"numpy bincount": lambda: np.bincount(corner, flat) / np.maximum(np.bincount(corner), 1)},
-                        bytes=a.nbytes))
+                        peers={"numpy bincount": numpy_corner_profile}, bytes=a.nbytes))
 
     nz, nxy = ctx.size(1024, 256), ctx.size(256, 64)
     cube = ctx.rng.poisson(100, (nz, nxy, nxy)).astype(np.float32)
