@@ -111,6 +111,27 @@ def test_moving_average_interior_matches_scipy(host, rng):
     np.testing.assert_allclose(out[r:-r, r:-r], ref[r:-r, r:-r], rtol=1e-10, atol=1e-12)
 
 
+@pytest.mark.parametrize("dtype", REAL, ids=name)
+def test_moving_average_and_gaussian_bands_for_any_thread_count(host, rng, dtype):
+    # Tall enough for several bands of rows, each starting its sums afresh;
+    # the band count follows the radius and the threads.
+    a = random_array(rng, (1000, 70), dtype)
+    before = host.call("KIXGetMaxThreads")
+    try:
+        for n in (1, 2, 3):
+            host.call("KIXSetNumThreads", n)
+            for r in (5, 40, 120):
+                out = host.call("KIXMovingAverageDLL", host.image(a), r, None).numpy()
+                np.testing.assert_allclose(out, average_planes(a, r), rtol=tol(dtype),
+                                           atol=tol(dtype) * np.abs(a).max(), err_msg=f"threads {n} r {r}")
+            for rad in (1.5, 5.0):
+                out = host.library_call("KIXGaussianBlur", host.image(a), rad, 3, None).numpy()
+                np.testing.assert_allclose(out, gaussian_naive(a, rad, 3), rtol=4 * tol(dtype),
+                                           atol=4 * tol(dtype) * np.abs(a).max(), err_msg=f"threads {n} rad {rad}")
+    finally:
+        host.call("KIXSetNumThreads", before)
+
+
 @pytest.mark.parametrize("axis,fn", [(2, "KIXMovingAverageX"), (1, "KIXMovingAverageY"), (0, "KIXMovingAverageZ")])
 @pytest.mark.parametrize("dtype", REAL, ids=name)
 def test_moving_average_single_axis(host, rng, dtype, axis, fn):
