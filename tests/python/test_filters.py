@@ -111,6 +111,27 @@ def test_moving_average_interior_matches_scipy(host, rng):
     np.testing.assert_allclose(out[r:-r, r:-r], ref[r:-r, r:-r], rtol=1e-10, atol=1e-12)
 
 
+@pytest.mark.parametrize("dtype", REAL, ids=name)
+def test_moving_average_and_gaussian_bands_for_any_thread_count(host, rng, dtype):
+    # Tall enough for several bands of rows, each starting its sums afresh;
+    # the band count follows the radius and the threads.
+    a = random_array(rng, (1000, 70), dtype)
+    before = host.call("KIXGetMaxThreads")
+    try:
+        for n in (1, 2, 3):
+            host.call("KIXSetNumThreads", n)
+            for r in (5, 40, 120):
+                out = host.call("KIXMovingAverageDLL", host.image(a), r, None).numpy()
+                np.testing.assert_allclose(out, average_planes(a, r), rtol=tol(dtype),
+                                           atol=tol(dtype) * np.abs(a).max(), err_msg=f"threads {n} r {r}")
+            for rad in (1.5, 5.0):
+                out = host.library_call("KIXGaussianBlur", host.image(a), rad, 3, None).numpy()
+                np.testing.assert_allclose(out, gaussian_naive(a, rad, 3), rtol=4 * tol(dtype),
+                                           atol=4 * tol(dtype) * np.abs(a).max(), err_msg=f"threads {n} rad {rad}")
+    finally:
+        host.call("KIXSetNumThreads", before)
+
+
 @pytest.mark.parametrize("axis,fn", [(2, "KIXMovingAverageX"), (1, "KIXMovingAverageY"), (0, "KIXMovingAverageZ")])
 @pytest.mark.parametrize("dtype", REAL, ids=name)
 def test_moving_average_single_axis(host, rng, dtype, axis, fn):
@@ -263,6 +284,22 @@ def test_gaussian_blur_threaded_bands_and_in_place(host, rng, dtype):
         img = host.image(a)
         host.library_call("KIXGaussianBlur", img, rad, 3, img)
         np.testing.assert_array_equal(img.numpy(), out)
+
+
+@pytest.mark.parametrize("shape", [(517, 77), (70, 1003), (40, 9)], ids=ids)
+@pytest.mark.parametrize("dtype", REAL, ids=name)
+def test_gaussian_blur_row_blocks_equal_single_rows(host, rng, simd, dtype, shape):
+    # Out of place, interior rows go several at a time through the column
+    # pass; in place every row goes alone.  Same taps in the same order: the
+    # same numbers, at every instruction-set level.
+    a = random_array(rng, shape, dtype)
+    for rad in (0.5, 2.0, 5.3):
+        out = host.library_call("KIXGaussianBlur", host.image(a), rad, 3, None).numpy()
+        np.testing.assert_allclose(out, gaussian_naive(a, rad, 3), rtol=4 * tol(dtype),
+                                   atol=4 * tol(dtype) * np.abs(a).max())
+        img = host.image(a)
+        host.library_call("KIXGaussianBlur", img, rad, 3, img)
+        np.testing.assert_array_equal(img.numpy(), out, err_msg=f"rad {rad}")
 
 
 def test_gaussian_blur_weights_in_place_and_constant(host):

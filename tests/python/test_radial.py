@@ -14,7 +14,7 @@ def script_error(fn, *args):
 
 
 def radial_reference(a, cx, cy, sx, sy):
-    """Bins by the definition: nearest-bin extremes, linearly split weights and sums (in double)."""
+    """Bins pixel by pixel: nearest-bin extremes, linearly split weights and sums (in double)."""
     t = a.dtype.type
     ny, nx = a.shape
     rmax = np.hypot(t(sx) * t(max(cx, nx - 1 - cx)), t(sy) * t(max(cy, ny - 1 - cy)))
@@ -29,8 +29,8 @@ def radial_reference(a, cx, cy, sx, sy):
     out[0, :] = np.finfo(a.dtype).max
     out[1, :] = -np.finfo(a.dtype).max
     out[0:2, nr:] = 0
-    np.minimum.at(out[0], k, v)
-    np.maximum.at(out[1], k, v)
+    np.fmin.at(out[0], k, v)  # a NaN never becomes an extreme
+    np.fmax.at(out[1], k, v)
     for row, q in [(2, np.ones_like(v)), (3, v), (4, v * v)]:
         np.add.at(out[row], i0, q * (1 - f))
         np.add.at(out[row], i0 + 1, q * f)
@@ -71,6 +71,62 @@ def test_radial_survey_against_definition(host, rng, dtype, shape, c, s):
     np.testing.assert_allclose(r[2:4], want[2:4], rtol=rtol, atol=rtol * 10)
     np.testing.assert_allclose(r[4], want[4], rtol=10 * rtol, atol=10 * rtol * np.abs(a).max())
     assert res.name == "Radial Survey of "  # the source here has an empty name
+
+
+@pytest.fixture(params=[True, False], ids=["simd", "generic"])
+def simd(request, host):
+    host.call("KIXSetUseSIMD", int(request.param))
+    yield request.param
+    host.call("KIXSetUseSIMD", 1)
+
+
+# Centres on and beside every edge, far outside, and odd and even sizes: the
+# survey folds pixels that lie symmetrically about the centre, so each side of
+# it may run out first, or not exist at all.
+AWKWARD = [((9, 10), (0, 0)), ((9, 10), (9, 8)), ((9, 10), (8, 9)), ((9, 10), (4, 5)), ((10, 9), (5, 4)),
+           ((12, 7), (-1, 3)), ((12, 7), (7, -3)), ((12, 7), (40, 30)), ((12, 7), (-25, -30)), ((1, 17), (8, 0)),
+           ((17, 1), (0, 8)), ((2, 2), (1, 0)), ((66, 70), (33, 34)), ((129, 300), (200, 64))]
+
+
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+@pytest.mark.parametrize("shape,c", AWKWARD, ids=lambda v: "x".join(map(str, v)))
+def test_radial_survey_folding_against_pixel_binning(host, rng, simd, dtype, shape, c):
+    for s in [(1, 1), (1.5, 0.75), (-2, 1)]:
+        a = (rng.standard_normal(shape) * 10 + 3).astype(dtype)
+        r = host.library_call("KIXRadialSurvey", host.image(a), c[0], c[1], s[0], s[1])[0].numpy()
+        want = radial_reference(a, c[0], c[1], s[0], s[1])
+        assert r.shape == want.shape
+        np.testing.assert_array_equal(r[:2], want[:2], err_msg=f"scales {s}")
+        rtol = 1e-5 if dtype == np.float32 else 1e-12
+        np.testing.assert_allclose(r[2:4], want[2:4], rtol=rtol, atol=rtol * 10, err_msg=f"scales {s}")
+        np.testing.assert_allclose(r[4], want[4], rtol=10 * rtol, atol=10 * rtol * np.abs(a).max())
+
+
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+def test_radial_survey_nan_and_thread_counts(host, rng, dtype):
+    a = (rng.standard_normal((300, 280)) * 5).astype(dtype)
+    a[150, 140] = a[150, 141] = a[10, 7] = np.nan  # beside a mirror pixel that is a number
+    a[150, 139] = np.inf
+    want = radial_reference(a, 140, 150, 1, 1)
+    before = host.call("KIXGetMaxThreads")
+    try:
+        got = []
+        for n in (1, 2, 3):
+            host.call("KIXSetNumThreads", n)
+            got.append(host.call("KIXRadialSurveyDLL", host.image(a), 140, 150, 1.0, 1.0)[0].numpy())
+    finally:
+        host.call("KIXSetNumThreads", before)
+    # The bins are merged in an order that does not depend on the threads.
+    np.testing.assert_array_equal(got[0], got[1])
+    np.testing.assert_array_equal(got[0], got[2])
+    r = got[0]
+    # A NaN never becomes an extreme; the bins it reaches have NaN sums.
+    np.testing.assert_array_equal(r[:2], want[:2])
+    nan = np.isnan(want[3])
+    assert nan.any() and np.array_equal(np.isnan(r[3]), nan)
+    np.testing.assert_allclose(r[2], want[2], rtol=1e-5)
+    np.testing.assert_allclose(r[3][~nan], want[3][~nan], rtol=1e-4, atol=1e-4)
+    assert r[1, 1] == np.inf
 
 
 def test_radial_survey_empty_bin_and_messages(host):
