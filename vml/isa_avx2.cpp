@@ -29,6 +29,11 @@ inline VD vsqrt(VD x) { return VD(_mm256_sqrt_pd(ND(x))); }
 inline void put_stream(float* p, VF v) { _mm256_stream_ps(p, NF(v)); }
 inline void put_stream(double* p, VD v) { _mm256_stream_pd(p, ND(v)); }
 inline void fence() { _mm_sfence(); }
+// Whether any lane of a comparison's result is set.
+inline bool any_lane(decltype(VD{} < VD{}) m) { return _mm256_movemask_pd(__m256d(m)) != 0; }
+inline bool any_lane(decltype(VF{} < VF{}) m) { return _mm256_movemask_ps(__m256(m)) != 0; }
+inline VD vfma(VD a, VD b, VD c) { return VD(_mm256_fmadd_pd(ND(a), ND(b), ND(c))); }
+#define KIX_VML_OWN_MATH 1
 
 #include "vml/isa_body.inl"
 

@@ -92,19 +92,33 @@ template <class V>
 inline V splat(elem<V> s) {
     return V{} + s;
 }
-// Reduced through 64-bit words: a lane-by-lane loop costs more than the maths.
+// Through the unit's mask test (any_lane): a lane-by-lane loop, or a trip
+// through memory, costs more than the maths.
 template <class M>
 inline bool any(M m) {
-    std::uint64_t w[sizeof(M) / 8];
-    std::memcpy(w, &m, sizeof m);
-    std::uint64_t r = 0;
-    for (std::size_t k = 0; k < sizeof(M) / 8; ++k) r |= w[k];
-    return r != 0;
+    return any_lane(m);
 }
 template <class M>
 inline bool all(M m) {
     return !any(~m);
 }
+
+// Exp, Ln, Log10, Sin and Cos: own bodies where the unit has fused
+// multiply-add, SLEEF's otherwise.
+#ifdef KIX_VML_OWN_MATH
+#include "vml/vmath.inl"
+#else
+inline VF m_exp(VF x) { return s_exp(x); }
+inline VD m_exp(VD x) { return s_exp(x); }
+inline VF m_log(VF x) { return s_log(x); }
+inline VD m_log(VD x) { return s_log(x); }
+inline VF m_log10(VF x) { return s_log10(x); }
+inline VD m_log10(VD x) { return s_log10(x); }
+inline VF m_sin(VF x) { return s_sin(x); }
+inline VD m_sin(VD x) { return s_sin(x); }
+inline VF m_cos(VF x) { return s_cos(x); }
+inline VD m_cos(VD x) { return s_cos(x); }
+#endif
 
 template <class V>
 inline V vload(const elem<V>* p) {
@@ -345,13 +359,13 @@ KIX_OP1(Cbrt, s_cbrt(x))
 KIX_OP1(InvCbrt, E(1) / s_cbrt(x))
 KIX_OP1(Pow2o3, pow2o3(x))
 KIX_OP1(Pow3o2, x * vsqrt(x))
-KIX_OP1(Exp, s_exp(x))
+KIX_OP1(Exp, m_exp(x))
 KIX_OP1(Expm1, s_expm1(x))
-KIX_OP1(Ln, s_log(x))
-KIX_OP1(Log10, s_log10(x))
+KIX_OP1(Ln, m_log(x))
+KIX_OP1(Log10, m_log10(x))
 KIX_OP1(Log1p, fix_overflow(s_log1p(x), x, Wide::Log1p))
-KIX_OP1(Cos, s_cos(x))
-KIX_OP1(Sin, s_sin(x))
+KIX_OP1(Cos, m_cos(x))
+KIX_OP1(Sin, m_sin(x))
 KIX_OP1(Tan, s_tan(x))
 KIX_OP1(Cosh, fix_overflow(s_cosh(x), x, Wide::Cosh))
 KIX_OP1(Sinh, fix_overflow(s_sinh(x), x, Wide::Sinh))

@@ -1,0 +1,114 @@
+// The vector bodies of the hot transcendental members against SLEEF's 1-ulp
+// forms of the same width, on one thread, over a buffer that stays in the
+// level-2 cache: the cost of the arithmetic alone, without the memory
+// traffic of a whole image.  "own" is the body the kernels use on this
+// processor's widest instruction set, "sleef" a plain loop over SLEEF.
+#include <benchmark/benchmark.h>
+#include <immintrin.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "runtime/runtime.hpp"
+#include "vml/simd.hpp"
+
+namespace s = kix::vml::simd;
+
+namespace {
+
+constexpr std::int64_t kN = 16384;
+
+const s::Isa& widest() {
+    switch (kix::isa_level()) {
+        case kix::kIsaAVX512: return s::kAvx512;
+        case kix::kIsaAVX2: return s::kAvx2;
+        default: return s::kSse2;
+    }
+}
+
+template <class T>
+using Body = void (*)(const T*, T*, std::int64_t);
+
+// SLEEF loops per width (the tail is left out: kN is a multiple of every width).
+// sleef.h declares the functions of a width only where the whole unit is
+// compiled for it; this unit is not, so they are declared here.
+#define KIX_SLEEF_DECLARE(op)                                  \
+    extern "C" __m512 Sleef_##op##f16_u10avx512f(__m512);      \
+    extern "C" __m512d Sleef_##op##d8_u10avx512f(__m512d);     \
+    extern "C" __m256 Sleef_##op##f8_u10avx2(__m256);          \
+    extern "C" __m256d Sleef_##op##d4_u10avx2(__m256d);
+KIX_SLEEF_DECLARE(exp) KIX_SLEEF_DECLARE(log) KIX_SLEEF_DECLARE(log10) KIX_SLEEF_DECLARE(sin) KIX_SLEEF_DECLARE(cos)
+
+#define KIX_SLEEF_LOOP(name, T, N, fn, load, store, attr)                         \
+    __attribute__((target(attr))) void name(const T* x, T* y, std::int64_t n) {  \
+        for (std::int64_t i = 0; i < n; i += N) store(y + i, fn(load(x + i)));   \
+    }
+#define KIX_SLEEF_512(op)                                                                                        \
+    KIX_SLEEF_LOOP(op##_f512, float, 16, Sleef_##op##f16_u10avx512f, _mm512_loadu_ps, _mm512_storeu_ps, "avx512f") \
+    KIX_SLEEF_LOOP(op##_d512, double, 8, Sleef_##op##d8_u10avx512f, _mm512_loadu_pd, _mm512_storeu_pd, "avx512f")
+#define KIX_SLEEF_256(op)                                                                                      \
+    KIX_SLEEF_LOOP(op##_f256, float, 8, Sleef_##op##f8_u10avx2, _mm256_loadu_ps, _mm256_storeu_ps, "avx2,fma") \
+    KIX_SLEEF_LOOP(op##_d256, double, 4, Sleef_##op##d4_u10avx2, _mm256_loadu_pd, _mm256_storeu_pd, "avx2,fma")
+KIX_SLEEF_512(exp) KIX_SLEEF_512(log) KIX_SLEEF_512(log10) KIX_SLEEF_512(sin) KIX_SLEEF_512(cos)
+KIX_SLEEF_256(exp) KIX_SLEEF_256(log) KIX_SLEEF_256(log10) KIX_SLEEF_256(sin) KIX_SLEEF_256(cos)
+
+template <class T>
+void run(benchmark::State& st, Body<T> f, T lo, T hi) {
+    std::vector<T> x(static_cast<std::size_t>(kN)), y(x.size());
+    std::mt19937_64 gen(5);
+    std::uniform_real_distribution<T> u(lo, hi);
+    for (T& v : x) v = u(gen);
+    for (auto _ : st) {
+        f(x.data(), y.data(), kN);
+        benchmark::DoNotOptimize(y.data());
+    }
+    st.counters["ns/value"] = benchmark::Counter(double(st.iterations()) * double(kN) * 1e-9,
+                                                 benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    st.SetLabel(kix::isa_name(kix::isa_level()));
+}
+
+struct Member {
+    const char* name;
+    s::Unary op;
+    Body<float> f512, f256;
+    Body<double> d512, d256;
+    double lo, hi;
+};
+
+const int registered = [] {
+    const Member members[] = {
+        {"Exp", s::kExp, exp_f512, exp_f256, exp_d512, exp_d256, -10, 10},
+        {"Ln", s::kLn, log_f512, log_f256, log_d512, log_d256, 1e-3, 1e3},
+        {"Log10", s::kLog10, log10_f512, log10_f256, log10_d512, log10_d256, 1e-3, 1e3},
+        {"Sin", s::kSin, sin_f512, sin_f256, sin_d512, sin_d256, -10, 10},
+        {"Cos", s::kCos, cos_f512, cos_f256, cos_d512, cos_d256, -10, 10},
+    };
+    const bool w512 = kix::isa_level() >= kix::kIsaAVX512, w256 = kix::isa_level() >= kix::kIsaAVX2;
+    if (!w256) return 0;
+    for (const Member& m : members) {
+        const std::string n = m.name;
+        const s::Unary op = m.op;
+        const float flo = float(m.lo), fhi = float(m.hi);
+        const double dlo = m.lo, dhi = m.hi;
+        Body<float> sf = w512 ? m.f512 : m.f256;
+        Body<double> sd = w512 ? m.d512 : m.d256;
+        benchmark::RegisterBenchmark((n + "/float/own").c_str(), [=](benchmark::State& st) {
+            static s::Unary o;
+            o = op;
+            run<float>(st, [](const float* x, float* y, std::int64_t k) { widest().f.unary[o](x, y, k, false); }, flo, fhi);
+        });
+        benchmark::RegisterBenchmark((n + "/float/sleef").c_str(),
+                                     [=](benchmark::State& st) { run<float>(st, sf, flo, fhi); });
+        benchmark::RegisterBenchmark((n + "/double/own").c_str(), [=](benchmark::State& st) {
+            static s::Unary o;
+            o = op;
+            run<double>(st, [](const double* x, double* y, std::int64_t k) { widest().d.unary[o](x, y, k, false); }, dlo, dhi);
+        });
+        benchmark::RegisterBenchmark((n + "/double/sleef").c_str(),
+                                     [=](benchmark::State& st) { run<double>(st, sd, dlo, dhi); });
+    }
+    return 0;
+}();
+
+}  // namespace
