@@ -1,21 +1,19 @@
-// Own vector bodies of exp, log, log10, sin and cos, for the instruction sets
-// with fused multiply-add (AVX2 + FMA, AVX-512).  Included by isa_body.inl
-// inside the unit's namespace, after the SLEEF wrappers; the unit defines
-// vfma(VD, VD, VD).
+// Own vector bodies of exp (double), log and log10 (float and double), for
+// the instruction sets with fused multiply-add (AVX2 + FMA, AVX-512).
+// Included by isa_body.inl inside the unit's namespace, after the SLEEF
+// wrappers; the unit defines vfma(VD, VD, VD) and vrcp(VF).
 //
-// Everything is computed in double lanes.  The double members use the classic
-// reductions (exponent and mantissa split for log, k ln2 with a two-piece ln2
-// for exp, a three-piece pi/2 for sin and cos) with polynomials accurate to
-// well below half an ulp, so the result is within one ulp.  The float members
-// widen to double, run shorter polynomials (relative error below 2^-32) and
-// round once: they are correctly rounded but for a few hundredths of an ulp,
-// and cost about what SLEEF's single-precision forms cost.
+// They use the classic reductions: k ln2 with a two-piece ln2 for exp, the
+// exponent and mantissa split around sqrt(2) for log, with the polynomials
+// of Sun's fdlibm for log and a Taylor polynomial for exp, all accurate to
+// well below half an ulp before the last rounding, so the results stay
+// within one ulp.  They need no table and no division (exp) or one
+// (double log), which is what makes them faster than SLEEF's 1-ulp forms.
 //
 // Lanes these formulas do not cover take a slower path for the whole vector:
-// exp near or past the ends of the range (two-step scaling), log of zero,
-// negative, subnormal, infinite or NaN arguments (selects after a rescale),
-// and sin / cos of arguments beyond 2^20 in magnitude, infinities and NaN
-// (SLEEF's 1-ulp forms, whose reduction covers the whole range).
+// exp near or past the ends of the range (two-step scaling, so subnormal
+// results round once), log of zero, negative, subnormal, infinite or NaN
+// arguments (selects after a rescale).
 
 typedef std::int64_t VI __attribute__((vector_size(sizeof(VD))));
 typedef std::uint64_t VU __attribute__((vector_size(sizeof(VD))));
@@ -44,19 +42,12 @@ inline constexpr double kLog2e = 0x1.71547652b82fep0;
 inline constexpr double kLn2Hi = 0x1.62e42fee00000p-1;
 inline constexpr double kLn2Lo = 0x1.a39ef35793c76p-33;
 
-// exp(r) - 1 - r: Taylor terms through r^13 (truncation below 2^-57 of the
-// result) or, for float results, through r^8 (below 2^-32).
-template <bool Single>
+// exp(r) - 1 - r: Taylor terms through r^13, truncated below 2^-57 of the result.
 inline VD expm1_tail(VD r) {
-    const VD r2 = r * r;
-    if constexpr (Single)
-        return r2 * horner(r, 1.0 / 2, 1.0 / 6, 1.0 / 24, 1.0 / 120, 1.0 / 720, 1.0 / 5040, 1.0 / 40320);
-    else
-        return r2 * horner(r, 1.0 / 2, 1.0 / 6, 1.0 / 24, 1.0 / 120, 1.0 / 720, 1.0 / 5040, 1.0 / 40320,
-                           1.0 / 362880, 1.0 / 3628800, 1.0 / 39916800, 1.0 / 479001600, 1.0 / 6227020800);
+    return r * r * horner(r, 1.0 / 2, 1.0 / 6, 1.0 / 24, 1.0 / 120, 1.0 / 720, 1.0 / 5040, 1.0 / 40320,
+                          1.0 / 362880, 1.0 / 3628800, 1.0 / 39916800, 1.0 / 479001600, 1.0 / 6227020800);
 }
 
-template <bool Single>
 inline VD exp(VD x) {
     const bool plain = all(abs(x) < 708.0);  // results are normal numbers
     // Far outside the range, x is clamped so k stays small (NaN passes).
@@ -66,7 +57,7 @@ inline VD exp(VD x) {
     const VI ki = (VI)t - (VI)c(kShift);
     VD r = vfma(k, c(-kLn2Hi), x);  // exact
     r = vfma(k, c(-kLn2Lo), r);
-    const VD p = 1.0 + (r + expm1_tail<Single>(r));  // in [0.7, 1.42]
+    const VD p = 1.0 + (r + expm1_tail(r));  // in [0.7, 1.42]
     if (plain) return bits(bits(p) + VU(ki << 52));
     // 2^k in two halves: p 2^k1 is exact, the second product rounds once,
     // to a subnormal, zero or infinity as the true result does.
@@ -85,7 +76,6 @@ struct LogParts {
 };
 
 // x positive and normal.
-template <bool Single>
 inline LogParts log_parts(VD x) {
     const VU u = bits(x);
     const VU t = u - kSqrtHalf;
@@ -97,16 +87,11 @@ inline LogParts log_parts(VD x) {
     p.f = m - 1.0;
     p.s = p.f / (p.f + 2.0);
     const VD z = p.s * p.s;
-    if constexpr (Single) {
-        // The atanh series through s^11: below 2^-34 relatively for |s| < 0.172.
-        p.R = z * horner(z, 2.0 / 3, 2.0 / 5, 2.0 / 7, 2.0 / 9, 2.0 / 11);
-    } else {
-        // Minimax coefficients (the classic ones of Sun's fdlibm): below 2^-58.
-        const VD w = z * z;
-        p.R = z * horner(w, 6.666666666666735130e-01, 2.857142874366239149e-01, 1.818357216161805012e-01,
-                         1.479819860511658591e-01) +
-              w * horner(w, 3.999999999940941908e-01, 2.222219843214978396e-01, 1.531383769920937332e-01);
-    }
+    // Minimax coefficients (fdlibm's): below 2^-58 relatively.
+    const VD w = z * z;
+    p.R = z * horner(w, 6.666666666666735130e-01, 2.857142874366239149e-01, 1.818357216161805012e-01,
+                     1.479819860511658591e-01) +
+          w * horner(w, 3.999999999940941908e-01, 2.222219843214978396e-01, 1.531383769920937332e-01);
     p.hfsq = 0.5 * p.f * p.f;
     return p;
 }
@@ -128,16 +113,11 @@ inline VD log_general(VD x, Finish finish) {
     return y;
 }
 
-template <bool Single>
 inline VD log(VD x) {
     return log_general(x, [](VD v, VD dk) {
-        const LogParts p = log_parts<Single>(v);
+        const LogParts p = log_parts(v);
         const VD k = p.k + dk;
-        if constexpr (Single) {
-            return vfma(k, c(0x1.62e42fefa39efp-1), p.f - (p.hfsq - p.s * (p.hfsq + p.R)));
-        } else {
-            return k * kLn2Hi - ((p.hfsq - (p.s * (p.hfsq + p.R) + k * kLn2Lo)) - p.f);
-        }
+        return k * kLn2Hi - ((p.hfsq - (p.s * (p.hfsq + p.R) + k * kLn2Lo)) - p.f);
     });
 }
 
@@ -149,139 +129,95 @@ inline constexpr double kInvLn10Lo = 0x1.526e50e32a6abp-26;
 inline constexpr double kLog10_2Hi = 0x1.3441300000000p-2;
 inline constexpr double kLog10_2Lo = 0x1.427de7fbcc47cp-24;
 
-template <bool Single>
 inline VD log10(VD x) {
-    if constexpr (Single) {
-        return log<true>(x) * 0x1.bcb7b1526e50ep-2;
-    } else {
-        return log_general(x, [](VD v, VD dk) {
-            const LogParts p = log_parts<false>(v);
-            const VD k = p.k + dk;
-            const VD hi = bits(bits(p.f - p.hfsq) & 0xffffffff00000000ull);
-            const VD lo = (p.f - hi) - p.hfsq + p.s * (p.hfsq + p.R);
-            const VD vhi = hi * kInvLn10Hi;  // exact
-            const VD y2 = k * kLog10_2Hi;    // exact
-            VD vlo = k * kLog10_2Lo + (lo + hi) * kInvLn10Lo + lo * kInvLn10Hi;
-            const VD w = y2 + vhi;
-            vlo += (y2 - w) + vhi;
-            return vlo + w;
-        });
-    }
+    return log_general(x, [](VD v, VD dk) {
+        const LogParts p = log_parts(v);
+        const VD k = p.k + dk;
+        const VD hi = bits(bits(p.f - p.hfsq) & 0xffffffff00000000ull);
+        const VD lo = (p.f - hi) - p.hfsq + p.s * (p.hfsq + p.R);
+        const VD vhi = hi * kInvLn10Hi;  // exact
+        const VD y2 = k * kLog10_2Hi;    // exact
+        VD vlo = k * kLog10_2Lo + (lo + hi) * kInvLn10Lo + lo * kInvLn10Hi;
+        const VD w = y2 + vhi;
+        vlo += (y2 - w) + vhi;
+        return vlo + w;
+    });
 }
 
-// ------------------------------------------------------------ sin and cos
-// x = q pi/2 + r, |r| <= pi/4, with pi/2 in 33-bit pieces: q P1, q P2, q P3
-// are exact for |q| < 2^20, and x - q P1 is exact below kTrigLimit.  The
-// double members carry r as a sum r + y.
-inline constexpr double kTrigLimit = 0x1p20;
-inline constexpr double kTwoOverPi = 0x1.45f306dc9c883p-1;
-inline constexpr double kPio2_1 = 0x1.921fb54400000p+0;
-inline constexpr double kPio2_2 = 0x1.0b4611a600000p-34;
-inline constexpr double kPio2_3 = 0x1.3198a2e000000p-69;
-inline constexpr double kPio2_3t = 0x1.b839a252049c1p-104;
+// ------------------------------------------------------------ float log
+// The same split in float lanes: x = 2^k m, m in [sqrt(1/2), sqrt(2)),
+// s = f / (2 + f) from a refined reciprocal (its error of a few 2^-24 is
+// damped by s (f^2/2 + R) <= 0.02 log(1 + f)), and fdlibm's four-term
+// single-precision polynomial.
+typedef std::int32_t VIf __attribute__((vector_size(sizeof(VF))));
+typedef std::uint32_t VUf __attribute__((vector_size(sizeof(VF))));
 
-struct Reduced {
-    VD r, y;
-    VI n;  // quadrant, the low two bits of q
+struct LogPartsF {
+    VF k, f, s, hfsq, R;
 };
 
-template <bool Single>
-inline Reduced reduce(VD x) {
-    const VD t = vfma(x, c(kTwoOverPi), c(kShift));
-    const VD q = t - kShift;
-    Reduced o;
-    o.n = (VI)t - (VI)c(kShift);
-    const VD a = vfma(q, c(-kPio2_1), x);
-    if constexpr (Single) {
-        o.r = vfma(q, c(-kPio2_3), vfma(q, c(-kPio2_2), a));
-        o.y = VD{};
-    } else {
-        // a - q P2 as an exact sum (q P2 is exact), then the last pieces.
-        const VD w = q * kPio2_2;
-        const VD s = a - w;
-        const VD bb = s - a;
-        const VD e = (a - (s - bb)) - (w + bb);
-        VD lo = vfma(q, c(-kPio2_3t), vfma(q, c(-kPio2_3), e));
-        o.r = s + lo;
-        o.y = lo - (o.r - s);
-    }
-    return o;
+inline LogPartsF logf_parts(VF x) {
+    const VUf u = (VUf)x;
+    const VUf t = u - 0x3f3504f3u;  // bits of sqrt(1/2)
+    LogPartsF p;
+    p.k = __builtin_convertvector((VIf)t >> 23, VF);
+    const VF m = (VF)(u - (t & 0xff800000u));
+    p.f = m - 1.0f;
+    const VF d = p.f + 2.0f;
+    VF y = vrcp(d);
+    y = y + y * (1.0f - d * y);
+    p.s = p.f * y;
+    const VF z = p.s * p.s, w = z * z;
+    p.R = z * (0x1.555554p-1f + w * 0x1.23d3dcp-2f) + w * (0x1.999c26p-2f + w * 0x1.f13c4cp-3f);
+    p.hfsq = 0.5f * p.f * p.f;
+    return p;
 }
 
-// sin(r + y) and cos(r + y) for |r| <= pi/4 (fdlibm's kernels for doubles,
-// Taylor series through r^11 and r^12 for float results).
-template <bool Single>
-inline VD sin_kernel(VD r, VD y) {
-    const VD z = r * r;
-    if constexpr (Single) {
-        return vfma(r * z, horner(z, -1.0 / 6, 1.0 / 120, -1.0 / 5040, 1.0 / 362880, -1.0 / 39916800), r);
-    } else {
-        const VD v = z * r;
-        const VD R = horner(z, 8.33333333332248946124e-03, -1.98412698298579493134e-04, 2.75573137070700676789e-06,
-                            -2.50507602534068634195e-08, 1.58969099521155010221e-10);
-        return r - ((z * (0.5 * y - v * R) - y) - v * -1.66666666666666324348e-01);
-    }
-}
-template <bool Single>
-inline VD cos_kernel(VD r, VD y) {
-    const VD z = r * r;
-    if constexpr (Single) {
-        return horner(z, 1.0, -1.0 / 2, 1.0 / 24, -1.0 / 720, 1.0 / 40320, -1.0 / 3628800);
-    } else {
-        const VD w = z * z;
-        const VD R = z * horner(z, 4.16666666666666019037e-02, -1.38888888888741095749e-03,
-                                2.48015872894767294178e-05) +
-                     w * w * horner(z, -2.75573143513906633035e-07, 2.08757232129817482790e-09,
-                                    -1.13596475577881948265e-11);
-        const VD hz = 0.5 * z;
-        const VD v = 1.0 - hz;
-        return v + (((1.0 - v) - hz) + (z * R - r * y));
-    }
+// Zero, negative, subnormal, infinite and NaN arguments as in log_general.
+template <class Finish>
+inline VF logf_general(VF x, Finish finish) {
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    const auto normal = (x >= std::numeric_limits<float>::min()) & (x < inf);
+    if (all(normal)) return finish(x, VF{});
+    const auto sub = (x > 0.0f) & (x < std::numeric_limits<float>::min());
+    const VF xs = sub ? x * 0x1p25f : (normal ? x : splat<VF>(1.0f));
+    VF y = finish(xs, sub ? splat<VF>(-25.0f) : VF{});
+    y = x == 0.0f ? splat<VF>(-inf) : y;
+    y = x < 0.0f ? splat<VF>(std::numeric_limits<float>::quiet_NaN()) : y;
+    y = x == inf ? splat<VF>(inf) : y;
+    y = x != x ? x : y;
+    return y;
 }
 
-// Quadrant n: sin x is (sin r, cos r, -sin r, -cos r); cos x is sin x shifted by one.
-template <bool Single>
-inline VD sin_or_cos(VD x, int shift) {
-    const Reduced o = reduce<Single>(x);
-    const VI n = o.n + shift;
-    const VD s = sin_kernel<Single>(o.r, o.y), co = cos_kernel<Single>(o.r, o.y);
-    const VD v = (n & 1) != 0 ? co : s;
-    return bits(bits(v) ^ (VU(n << 62) & kSign));
+// ln2 and the log10 constants in two pieces, the heads with 12 zero low bits.
+inline VF logf(VF x) {
+    return logf_general(x, [](VF v, VF dk) {
+        const LogPartsF p = logf_parts(v);
+        const VF k = p.k + dk;
+        return k * 0x1.62ep-1f - ((p.hfsq - (p.s * (p.hfsq + p.R) + k * 0x1.0bfbe8p-15f)) - p.f);
+    });
 }
-
-inline bool trig_plain(VD x) { return all(abs(x) <= kTrigLimit); }
-
-// ------------------------------------------------- float through double
-template <class F, std::size_t... I>
-inline VF via_double(VF x, F f, std::index_sequence<I...>) {
-    constexpr std::size_t h = sizeof...(I);
-    typedef float VFh __attribute__((vector_size(sizeof(VF) / 2)));
-    const VD lo = __builtin_convertvector(__builtin_shufflevector(x, x, I...), VD);
-    const VD hi = __builtin_convertvector(__builtin_shufflevector(x, x, (I + h)...), VD);
-    const VFh rl = __builtin_convertvector(f(lo), VFh);
-    const VFh rh = __builtin_convertvector(f(hi), VFh);
-    return __builtin_shufflevector(rl, rh, I..., (I + h)...);
-}
-template <class F>
-inline VF via_double(VF x, F f) {
-    return via_double(x, f, std::make_index_sequence<KIX_WD>{});
+inline VF log10f(VF x) {
+    return logf_general(x, [](VF v, VF dk) {
+        const LogPartsF p = logf_parts(v);
+        const VF k = p.k + dk;
+        const VF hi = (VF)((VUf)(p.f - p.hfsq) & 0xfffff000u);
+        const VF lo = (p.f - hi) - p.hfsq + p.s * (p.hfsq + p.R);
+        return k * 0x1.3509f8p-18f + (lo + hi) * 0x1.7b1526p-14f + lo * 0x1.bcap-2f + hi * 0x1.bcap-2f +
+               k * 0x1.344p-2f;
+    });
 }
 
 }  // namespace vm
 
-inline VF m_exp(VF x) { return vm::via_double(x, [](VD v) { return vm::exp<true>(v); }); }
-inline VD m_exp(VD x) { return vm::exp<false>(x); }
-inline VF m_log(VF x) { return vm::via_double(x, [](VD v) { return vm::log<true>(v); }); }
-inline VD m_log(VD x) { return vm::log<false>(x); }
-inline VF m_log10(VF x) { return vm::via_double(x, [](VD v) { return vm::log10<true>(v); }); }
-inline VD m_log10(VD x) { return vm::log10<false>(x); }
-inline VF m_sin(VF x) {
-    if (!all((x <= float(vm::kTrigLimit)) & (x >= -float(vm::kTrigLimit)))) return s_sin(x);
-    return vm::via_double(x, [](VD v) { return vm::sin_or_cos<true>(v, 0); });
-}
-inline VD m_sin(VD x) { return vm::trig_plain(x) ? vm::sin_or_cos<false>(x, 0) : s_sin(x); }
-inline VF m_cos(VF x) {
-    if (!all((x <= float(vm::kTrigLimit)) & (x >= -float(vm::kTrigLimit)))) return s_cos(x);
-    return vm::via_double(x, [](VD v) { return vm::sin_or_cos<true>(v, 1); });
-}
-inline VD m_cos(VD x) { return vm::trig_plain(x) ? vm::sin_or_cos<false>(x, 1) : s_cos(x); }
+inline VF m_exp(VF x) { return s_exp(x); }
+inline VD m_exp(VD x) { return vm::exp(x); }
+inline VF m_log(VF x) { return vm::logf(x); }
+inline VD m_log(VD x) { return vm::log(x); }
+inline VF m_log10(VF x) { return vm::log10f(x); }
+inline VD m_log10(VD x) { return vm::log10(x); }
+// SLEEF's sin and cos measured as fast as the own double-lane forms.
+inline VF m_sin(VF x) { return s_sin(x); }
+inline VD m_sin(VD x) { return s_sin(x); }
+inline VF m_cos(VF x) { return s_cos(x); }
+inline VD m_cos(VD x) { return s_cos(x); }
