@@ -109,7 +109,15 @@ inline bool all(M m) {
 #include "vml/vmath.inl"
 #else
 inline VF m_exp(VF x) { return s_exp(x); }
-inline VD m_exp(VD x) { return s_exp(x); }
+// SLEEF's SSE2 exp overflows just below the threshold (709.7827...).
+inline VD m_exp(VD x) {
+    VD r = s_exp(x);
+    const auto bad = (r == std::numeric_limits<double>::infinity()) & (x < 709.8);
+    if (any(bad))
+        for (int k = 0; k < kLanes<VD>; ++k)
+            if (bad[k]) r[k] = std::exp(x[k]);
+    return r;
+}
 inline VF m_log(VF x) { return s_log(x); }
 inline VD m_log(VD x) { return s_log(x); }
 inline VF m_log10(VF x) { return s_log10(x); }

@@ -2,6 +2,7 @@
 #include <immintrin.h>
 #include <sleef.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>

@@ -55,9 +55,13 @@ inline VD exp(VD x) {
     const VD t = vfma(x, c(kLog2e), c(kShift));
     const VD k = t - kShift;
     const VI ki = (VI)t - (VI)c(kShift);
-    VD r = vfma(k, c(-kLn2Hi), x);  // exact
-    r = vfma(k, c(-kLn2Lo), r);
-    const VD p = 1.0 + (r + expm1_tail(r));  // in [0.7, 1.42]
+    const VD r1 = vfma(k, c(-kLn2Hi), x);  // exact
+    const VD r = vfma(k, c(-kLn2Lo), r1);
+    const VD dr = vfma(k, c(-kLn2Lo), r1 - r);  // what rounding r lost
+    // 1 + r as an exact sum h + e, so that only the last addition rounds.
+    const VD h = 1.0 + r;
+    const VD e = (1.0 - h) + r;
+    const VD p = h + (e + (dr + expm1_tail(r)));  // in [0.7, 1.42]
     if (plain) return bits(bits(p) + VU(ki << 52));
     // 2^k in two halves: p 2^k1 is exact, the second product rounds once,
     // to a subnormal, zero or infinity as the true result does.
