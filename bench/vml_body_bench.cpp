@@ -39,6 +39,8 @@ using Body = void (*)(const T*, T*, std::int64_t);
     extern "C" __m256 Sleef_##op##f8_u10avx2(__m256);          \
     extern "C" __m256d Sleef_##op##d4_u10avx2(__m256d);
 KIX_SLEEF_DECLARE(exp) KIX_SLEEF_DECLARE(log) KIX_SLEEF_DECLARE(log10) KIX_SLEEF_DECLARE(sin) KIX_SLEEF_DECLARE(cos)
+extern "C" __m512 Sleef_powf16_u10avx512f(__m512, __m512);
+extern "C" __m512d Sleef_powd8_u10avx512f(__m512d, __m512d);
 
 #define KIX_SLEEF_LOOP(name, T, N, fn, load, store, attr)                         \
     __attribute__((target(attr))) void name(const T* x, T* y, std::int64_t n) {  \
@@ -76,6 +78,36 @@ struct Member {
     double lo, hi;
 };
 
+__attribute__((target("avx512f"))) void sleef_pow(const float* x, const float* e, float* y, std::int64_t n) {
+    for (std::int64_t i = 0; i < n; i += 16)
+        _mm512_storeu_ps(y + i, Sleef_powf16_u10avx512f(_mm512_loadu_ps(x + i), _mm512_loadu_ps(e + i)));
+}
+__attribute__((target("avx512f"))) void sleef_pow(const double* x, const double* e, double* y, std::int64_t n) {
+    for (std::int64_t i = 0; i < n; i += 8)
+        _mm512_storeu_pd(y + i, Sleef_powd8_u10avx512f(_mm512_loadu_pd(x + i), _mm512_loadu_pd(e + i)));
+}
+
+// Pow on AVX-512 only: x in [0.1, 4], y in [-10, 10].
+template <class T>
+void pow_run(benchmark::State& st, bool own) {
+    std::vector<T> x(static_cast<std::size_t>(kN)), e(x.size()), y(x.size());
+    std::mt19937_64 gen(6);
+    std::uniform_real_distribution<T> u(T(0.1), T(4)), v(T(-10), T(10));
+    for (std::size_t i = 0; i < x.size(); ++i) x[i] = u(gen), e[i] = v(gen);
+    for (auto _ : st) {
+        if (own) {
+            if constexpr (std::is_same_v<T, float>)
+                s::kAvx512.f.binary[s::kPow](x.data(), e.data(), y.data(), kN, false);
+            else
+                s::kAvx512.d.binary[s::kPow](x.data(), e.data(), y.data(), kN, false);
+        } else {
+            sleef_pow(x.data(), e.data(), y.data(), kN);
+        }
+        benchmark::DoNotOptimize(y.data());
+    }
+    st.counters["ns/value"] = benchmark::Counter(double(st.iterations()) * double(kN) * 1e-9,
+                                                 benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
 const int registered = [] {
     const Member members[] = {
         {"Exp", s::kExp, exp_f512, exp_f256, exp_d512, exp_d256, -10, 10},
@@ -86,6 +118,12 @@ const int registered = [] {
     };
     const bool w512 = kix::isa_level() >= kix::kIsaAVX512, w256 = kix::isa_level() >= kix::kIsaAVX2;
     if (!w256) return 0;
+    if (w512) {
+        benchmark::RegisterBenchmark("Pow/float/own", [](benchmark::State& st) { pow_run<float>(st, true); });
+        benchmark::RegisterBenchmark("Pow/float/sleef", [](benchmark::State& st) { pow_run<float>(st, false); });
+        benchmark::RegisterBenchmark("Pow/double/own", [](benchmark::State& st) { pow_run<double>(st, true); });
+        benchmark::RegisterBenchmark("Pow/double/sleef", [](benchmark::State& st) { pow_run<double>(st, false); });
+    }
     for (const Member& m : members) {
         const std::string n = m.name;
         const s::Unary op = m.op;

@@ -46,7 +46,6 @@ KIX_WRAP1(s_atanh, atanh, u10)
 KIX_WRAP1(s_erf, erf, u10)
 KIX_WRAP1(s_erfc, erfc, u15)
 KIX_WRAP1(s_cbrt, cbrt, u10)
-KIX_WRAP1(s_fabs, fabs, )
 KIX_WRAP1(s_floor, floor, )
 KIX_WRAP1(s_ceil, ceil, )
 KIX_WRAP1(s_trunc, trunc, )
@@ -56,6 +55,15 @@ KIX_WRAP2(s_pow, pow, u10)
 KIX_WRAP2(s_hypot, hypot, u05)
 KIX_WRAP2(s_atan2, atan2, u10)
 KIX_WRAP2(s_copysign, copysign, )
+// |x| by clearing the sign bit, inline: SLEEF's fabs is a call into the library.
+inline VF s_fabs(VF x) {
+    typedef std::uint32_t U __attribute__((vector_size(sizeof(VF))));
+    return (VF)((U)x & 0x7fffffffu);
+}
+inline VD s_fabs(VD x) {
+    typedef std::uint64_t U __attribute__((vector_size(sizeof(VD))));
+    return (VD)((U)x & 0x7fffffffffffffffull);
+}
 inline VF s_fma(VF a, VF b, VF c) { return VF(KIX_SF(fma, )(NF(a), NF(b), NF(c))); }
 inline VD s_fma(VD a, VD b, VD c) { return VD(KIX_SD(fma, )(ND(a), ND(b), ND(c))); }
 
