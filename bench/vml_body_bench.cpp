@@ -1,8 +1,8 @@
 // The vector bodies of the hot transcendental members against SLEEF's 1-ulp
 // forms of the same width, on one thread, over a buffer that stays in the
 // level-2 cache: the cost of the arithmetic alone, without the memory
-// traffic of a whole image.  "own" is the body the kernels use on this
-// processor's widest instruction set, "sleef" a plain loop over SLEEF.
+// traffic of a whole image.  "kix" is the body the kernels use on that
+// instruction set (own or SLEEF's), "sleef" a plain loop over SLEEF.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
@@ -18,14 +18,6 @@ namespace s = kix::vml::simd;
 namespace {
 
 constexpr std::int64_t kN = 16384;
-
-const s::Isa& widest() {
-    switch (kix::isa_level()) {
-        case kix::kIsaAVX512: return s::kAvx512;
-        case kix::kIsaAVX2: return s::kAvx2;
-        default: return s::kSse2;
-    }
-}
 
 template <class T>
 using Body = void (*)(const T*, T*, std::int64_t);
@@ -55,8 +47,8 @@ extern "C" __m512d Sleef_powd8_u10avx512f(__m512d, __m512d);
 KIX_SLEEF_512(exp) KIX_SLEEF_512(log) KIX_SLEEF_512(log10) KIX_SLEEF_512(sin) KIX_SLEEF_512(cos)
 KIX_SLEEF_256(exp) KIX_SLEEF_256(log) KIX_SLEEF_256(log10) KIX_SLEEF_256(sin) KIX_SLEEF_256(cos)
 
-template <class T>
-void run(benchmark::State& st, Body<T> f, T lo, T hi) {
+template <class T, class F>
+void run(benchmark::State& st, F f, T lo, T hi) {
     std::vector<T> x(static_cast<std::size_t>(kN)), y(x.size());
     std::mt19937_64 gen(5);
     std::uniform_real_distribution<T> u(lo, hi);
@@ -67,7 +59,6 @@ void run(benchmark::State& st, Body<T> f, T lo, T hi) {
     }
     st.counters["ns/value"] = benchmark::Counter(double(st.iterations()) * double(kN) * 1e-9,
                                                  benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-    st.SetLabel(kix::isa_name(kix::isa_level()));
 }
 
 struct Member {
@@ -119,32 +110,39 @@ const int registered = [] {
     const bool w512 = kix::isa_level() >= kix::kIsaAVX512, w256 = kix::isa_level() >= kix::kIsaAVX2;
     if (!w256) return 0;
     if (w512) {
-        benchmark::RegisterBenchmark("Pow/float/own", [](benchmark::State& st) { pow_run<float>(st, true); });
-        benchmark::RegisterBenchmark("Pow/float/sleef", [](benchmark::State& st) { pow_run<float>(st, false); });
-        benchmark::RegisterBenchmark("Pow/double/own", [](benchmark::State& st) { pow_run<double>(st, true); });
-        benchmark::RegisterBenchmark("Pow/double/sleef", [](benchmark::State& st) { pow_run<double>(st, false); });
+        benchmark::RegisterBenchmark("Pow/float/AVX-512/kix", [](benchmark::State& st) { pow_run<float>(st, true); });
+        benchmark::RegisterBenchmark("Pow/float/AVX-512/sleef", [](benchmark::State& st) { pow_run<float>(st, false); });
+        benchmark::RegisterBenchmark("Pow/double/AVX-512/kix", [](benchmark::State& st) { pow_run<double>(st, true); });
+        benchmark::RegisterBenchmark("Pow/double/AVX-512/sleef", [](benchmark::State& st) { pow_run<double>(st, false); });
     }
-    for (const Member& m : members) {
-        const std::string n = m.name;
-        const s::Unary op = m.op;
-        const float flo = float(m.lo), fhi = float(m.hi);
-        const double dlo = m.lo, dhi = m.hi;
-        Body<float> sf = w512 ? m.f512 : m.f256;
-        Body<double> sd = w512 ? m.d512 : m.d256;
-        benchmark::RegisterBenchmark((n + "/float/own").c_str(), [=](benchmark::State& st) {
-            static s::Unary o;
-            o = op;
-            run<float>(st, [](const float* x, float* y, std::int64_t k) { widest().f.unary[o](x, y, k, false); }, flo, fhi);
-        });
-        benchmark::RegisterBenchmark((n + "/float/sleef").c_str(),
-                                     [=](benchmark::State& st) { run<float>(st, sf, flo, fhi); });
-        benchmark::RegisterBenchmark((n + "/double/own").c_str(), [=](benchmark::State& st) {
-            static s::Unary o;
-            o = op;
-            run<double>(st, [](const double* x, double* y, std::int64_t k) { widest().d.unary[o](x, y, k, false); }, dlo, dhi);
-        });
-        benchmark::RegisterBenchmark((n + "/double/sleef").c_str(),
-                                     [=](benchmark::State& st) { run<double>(st, sd, dlo, dhi); });
+    // Each instruction set the processor runs, widest first.
+    struct Width {
+        const char* name;
+        const s::Isa* isa;
+        bool wide;
+    };
+    const Width widths[] = {{"AVX-512", &s::kAvx512, true}, {"AVX2", &s::kAvx2, false}};
+    for (const Width& w : widths) {
+        if (w.wide && !w512) continue;
+        for (const Member& m : members) {
+            const std::string n = std::string(m.name) + "/", isa = std::string("/") + w.name;
+            const s::Unary op = m.op;
+            const s::Isa* t = w.isa;
+            const float flo = float(m.lo), fhi = float(m.hi);
+            const double dlo = m.lo, dhi = m.hi;
+            Body<float> sf = w.wide ? m.f512 : m.f256;
+            Body<double> sd = w.wide ? m.d512 : m.d256;
+            benchmark::RegisterBenchmark((n + "float" + isa + "/kix").c_str(), [=](benchmark::State& st) {
+                run<float>(st, [&](const float* x, float* y, std::int64_t k) { t->f.unary[op](x, y, k, false); }, flo, fhi);
+            });
+            benchmark::RegisterBenchmark((n + "float" + isa + "/sleef").c_str(),
+                                         [=](benchmark::State& st) { run<float>(st, sf, flo, fhi); });
+            benchmark::RegisterBenchmark((n + "double" + isa + "/kix").c_str(), [=](benchmark::State& st) {
+                run<double>(st, [&](const double* x, double* y, std::int64_t k) { t->d.unary[op](x, y, k, false); }, dlo, dhi);
+            });
+            benchmark::RegisterBenchmark((n + "double" + isa + "/sleef").c_str(),
+                                         [=](benchmark::State& st) { run<double>(st, sd, dlo, dhi); });
+        }
     }
     return 0;
 }();
