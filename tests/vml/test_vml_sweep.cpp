@@ -94,10 +94,10 @@ void report(const Member& m, const std::vector<Worst>& worst) {
     }
 }
 
-// Float: bit patterns i * 509 + 1 (about one in 509, every low-bit phase),
+// Float: bit patterns i * 1021 + 1 (one in 1021, every low-bit phase),
 // over all 2^32 patterns, in blocks of 2^20 patterns.
 void float_patterns(std::int64_t block, std::vector<float>& x) {
-    constexpr std::uint64_t kStep = 509;
+    constexpr std::uint64_t kStep = 1021;
     const std::uint64_t first = std::uint64_t(block) << 20, last = first + (std::uint64_t(1) << 20);
     for (std::uint64_t p = (first + kStep - 1) / kStep * kStep; p < last; p += kStep) {
         const std::uint32_t bits = std::uint32_t(p + 1);
