@@ -33,6 +33,7 @@ inline void fence() { _mm_sfence(); }
 inline bool any_lane(decltype(VD{} < VD{}) m) { return _mm256_movemask_pd(__m256d(m)) != 0; }
 inline bool any_lane(decltype(VF{} < VF{}) m) { return _mm256_movemask_ps(__m256(m)) != 0; }
 inline VD vfma(VD a, VD b, VD c) { return VD(_mm256_fmadd_pd(ND(a), ND(b), ND(c))); }
+inline VF vfma(VF a, VF b, VF c) { return VF(_mm256_fmadd_ps(NF(a), NF(b), NF(c))); }
 inline VF vrcp(VF x) { return VF(_mm256_rcp_ps(NF(x))); }  // 12 bits
 #define KIX_VML_OWN_MATH 1
 

@@ -37,6 +37,7 @@ inline void fence() { _mm_sfence(); }
 inline bool any_lane(decltype(VD{} < VD{}) m) { return _mm512_test_epi64_mask(__m512i(m), __m512i(m)) != 0; }
 inline bool any_lane(decltype(VF{} < VF{}) m) { return _mm512_test_epi32_mask(__m512i(m), __m512i(m)) != 0; }
 inline VD vfma(VD a, VD b, VD c) { return VD(_mm512_fmadd_pd(ND(a), ND(b), ND(c))); }
+inline VF vfma(VF a, VF b, VF c) { return VF(_mm512_fmadd_ps(NF(a), NF(b), NF(c))); }
 inline VF vrcp(VF x) { return VF(_mm512_rcp14_ps(NF(x))); }  // 14 bits
 #define KIX_VML_OWN_MATH 1
 

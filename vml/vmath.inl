@@ -213,6 +213,57 @@ inline VF log10f(VF x) {
     });
 }
 
+// ------------------------------------------------------- float sin, cos
+// x = q pi/2 + r + y in float lanes, |x| <= 2^16: pi/2 in three float
+// pieces; x - q P1 is exact (below 1 in size, on the 2^-23 grid), b = that
+// minus q P2 rounds, and y = (x - q P1 - b) - q P2 - q P3 recovers what the
+// rounding lost (x - q P1 - b is exact while |b| > 3 |q P2|, which holds
+// unless x lies within 1.5e-7 |x| of a multiple of pi/2).  Then
+//   sin(r + y) = r + (r^3 S(r^2) + y (1 - r^2/2)),
+//   cos(r + y) = (1 - r^2/2) + r^4 C(r^2) - r y,
+// with 1 - r^2/2 carried as an exact sum (r^2 too, through its fma
+// residual), so that only the last addition rounds in full: at most 0.85 ulp
+// by the error bound, less measured.  S and C are Taylor series through
+// r^11 and r^12 (truncation below 2^-28 of the result).  Vectors with a lane
+// beyond 2^16, that close to a multiple of pi/2, infinite or NaN take
+// SLEEF's 1-ulp form.
+inline VF cf(float v) { return splat<VF>(v); }
+inline VF hornerf(VF, float c0) { return cf(c0); }
+template <class... C>
+inline VF hornerf(VF x, float c0, float c1, C... cs) {
+    return vfma(hornerf(x, c1, cs...), x, cf(c0));
+}
+
+template <int Shift>  // 0: sin, 1: cos
+inline VF sinf_cosf(VF x, bool& fallback) {
+    constexpr float kShiftF = 0x1.8p23f;
+    const VF ax = (VF)((VUf)x & 0x7fffffffu);
+    const VF t = vfma(x, cf(0x1.45f306p-1f), cf(kShiftF));
+    const VF q = t - kShiftF;
+    const VIf n = (VIf)t - (VIf)cf(kShiftF) + Shift;
+    const VF a = vfma(q, cf(-0x1.921fb6p+0f), x);
+    const VF b = vfma(q, cf(0x1.777a5cp-25f), a);
+    VF y = vfma(q, cf(0x1.777a5cp-25f), a - b);
+    y = vfma(q, cf(0x1.ee59dap-50f), y);
+    const VF ab = (VF)((VUf)b & 0x7fffffffu);
+    fallback = any(~(ax <= 65536.0f) | (ab < ax * 1.5e-7f));
+    const VF z = b * b;
+    const VF hz = 0.5f * z;
+    // sin
+    const VF v = z * b;
+    const VF sn = b + vfma(v, hornerf(z, -1.0f / 6, 1.0f / 120, -1.0f / 5040, 1.0f / 362880), vfma(-hz, y, y));
+    // cos
+    const VF zl = vfma(b, b, -z);
+    const VF w = 1.0f - hz;
+    VF cc = ((1.0f - w) - hz) - 0.5f * zl;
+    cc = vfma(-b, y, cc);
+    const VF cs = w + vfma(z * z, hornerf(z, 1.0f / 24, -1.0f / 720, 1.0f / 40320, -1.0f / 3628800), cc);
+    VF r = (n & 1) != 0 ? cs : sn;
+    r = (VF)((VUf)r ^ ((VUf)(n << 30) & 0x80000000u));
+    if constexpr (Shift == 0) r = ax < 0x1p-12f ? x : r;  // sin x rounds to x there (and keeps -0)
+    return r;
+}
+
 }  // namespace vm
 
 inline VF m_exp(VF x) { return s_exp(x); }
@@ -223,7 +274,15 @@ inline VF m_log10(VF x) { return vm::log10f(x); }
 inline VD m_log10(VD x) { return vm::log10(x); }
 // SLEEF's sin, cos and float exp measured faster than the own forms tried
 // (docs/elementwise.md).
-inline VF m_sin(VF x) { return s_sin(x); }
+inline VF m_sin(VF x) {
+    bool fallback;
+    const VF r = vm::sinf_cosf<0>(x, fallback);
+    return fallback ? s_sin(x) : r;
+}
 inline VD m_sin(VD x) { return s_sin(x); }
-inline VF m_cos(VF x) { return s_cos(x); }
+inline VF m_cos(VF x) {
+    bool fallback;
+    const VF r = vm::sinf_cosf<1>(x, fallback);
+    return fallback ? s_cos(x) : r;
+}
 inline VD m_cos(VD x) { return s_cos(x); }
