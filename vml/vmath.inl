@@ -149,6 +149,40 @@ inline VD log10(VD x) {
     });
 }
 
+// ------------------------------------------------------- double sin, cos
+// The float scheme below in double lanes, for |x| <= 2^20: pi/2 in three
+// pieces of 53 bits, x - q P1 exact (below 1 in size, on the 2^-52 grid),
+// b = that minus q P2 rounded and y the rounding recovered (exact while
+// |b| > 3 |q P2|, i.e. unless x lies within 2e-16 |x| of a multiple of
+// pi/2); the kernels are fdlibm's, which take r + y.  Other vectors take
+// SLEEF's form.
+inline VD sin_or_cos(VD x, int shift, bool& fallback) {
+    const VD ax = abs(x);
+    const VD t = vfma(x, c(0x1.45f306dc9c883p-1), c(kShift));
+    const VD q = t - kShift;
+    const VI n = (VI)t - (VI)c(kShift) + shift;
+    const VD a = vfma(q, c(-0x1.921fb54442d18p+0), x);
+    const VD b = vfma(q, c(-0x1.1a62633145c07p-54), a);
+    VD y = vfma(q, c(-0x1.1a62633145c07p-54), a - b);
+    y = vfma(q, c(0x1.f1976b7ed8fbcp-110), y);
+    fallback = any(~(ax <= 0x1p20) | (abs(b) < ax * 2e-16));
+    const VD z = b * b;
+    // fdlibm's sin kernel: b + (v (S1 + z R) + y (1 - z/2)), v = z b.
+    const VD v = z * b;
+    const VD Rs = horner(z, 8.33333333332248946124e-03, -1.98412698298579493134e-04, 2.75573137070700676789e-06,
+                         -2.50507602534068634195e-08, 1.58969099521155010221e-10);
+    const VD sn = b - ((z * (0.5 * y - v * Rs) - y) - v * -1.66666666666666324348e-01);
+    // fdlibm's cos kernel: w + (((1 - w) - z/2) + (z R - b y)), w = 1 - z/2.
+    const VD w2 = z * z;
+    const VD Rc = z * horner(z, 4.16666666666666019037e-02, -1.38888888888741095749e-03, 2.48015872894767294178e-05) +
+                  w2 * w2 * horner(z, -2.75573143513906633035e-07, 2.08757232129817482790e-09, -1.13596475577881948265e-11);
+    const VD hz = 0.5 * z;
+    const VD w = 1.0 - hz;
+    const VD cs = w + (((1.0 - w) - hz) + (z * Rc - b * y));
+    const VD r = (n & 1) != 0 ? cs : sn;
+    return bits(bits(r) ^ (VU(n << 62) & kSign));
+}
+
 // ------------------------------------------------------------ float log
 // The same split in float lanes: x = 2^k m, m in [sqrt(1/2), sqrt(2)),
 // s = f / (2 + f) from a refined reciprocal (its error of a few 2^-24 is
@@ -279,10 +313,18 @@ inline VF m_sin(VF x) {
     const VF r = vm::sinf_cosf<0>(x, fallback);
     return fallback ? s_sin(x) : r;
 }
-inline VD m_sin(VD x) { return s_sin(x); }
+inline VD m_sin(VD x) {
+    bool fallback;
+    const VD r = vm::sin_or_cos(x, 0, fallback);
+    return fallback ? s_sin(x) : r;
+}
 inline VF m_cos(VF x) {
     bool fallback;
     const VF r = vm::sinf_cosf<1>(x, fallback);
     return fallback ? s_cos(x) : r;
 }
-inline VD m_cos(VD x) { return s_cos(x); }
+inline VD m_cos(VD x) {
+    bool fallback;
+    const VD r = vm::sin_or_cos(x, 1, fallback);
+    return fallback ? s_cos(x) : r;
+}
