@@ -1,20 +1,23 @@
-// Own vector bodies of exp (double), log and log10 (float and double), for
-// the instruction sets with fused multiply-add (AVX2 + FMA, AVX-512).
-// Included by isa_body.inl inside the unit's namespace, after the SLEEF
-// wrappers; the unit defines vfma(VD, VD, VD) and vrcp(VF).
+// Own vector bodies of exp (double), log, log10, sin and cos (float and
+// double), for the instruction sets with fused multiply-add (AVX2 + FMA,
+// AVX-512).  Included by isa_body.inl inside the unit's namespace, after the
+// SLEEF wrappers; the unit defines vfma (float and double) and vrcp(VF).
 //
 // They use the classic reductions: k ln2 with a two-piece ln2 for exp, the
-// exponent and mantissa split around sqrt(2) for log, with the polynomials
-// of Sun's fdlibm for log and a Taylor polynomial for exp, all accurate to
-// well below half an ulp before the last rounding, so the results stay
-// within one ulp.  They need no table, and at most one division (double
-// log; float log refines a reciprocal estimate instead), which is what
-// makes them faster than SLEEF's 1-ulp forms (bench/vml_body_bench.cpp).
+// exponent and mantissa split around sqrt(2) for log, q pi/2 with pi/2 in
+// three pieces for sin and cos, with the polynomials of Sun's fdlibm (log,
+// double sin and cos) or Taylor polynomials (exp, float sin and cos), all
+// accurate to well below half an ulp before the last rounding, so the
+// results stay within one ulp.  They need no table, and at most one
+// division (double log; float log refines a reciprocal estimate instead),
+// which is what makes them faster than SLEEF's 1-ulp forms
+// (bench/vml_body_bench.cpp).
 //
 // Lanes these formulas do not cover take a slower path for the whole vector:
 // exp near or past the ends of the range (two-step scaling, so subnormal
 // results round once), log of zero, negative, subnormal, infinite or NaN
-// arguments (selects after a rescale).
+// arguments (selects after a rescale), sin and cos of huge, infinite or NaN
+// arguments and of those right next to a multiple of pi/2 (SLEEF's form).
 
 typedef std::int64_t VI __attribute__((vector_size(sizeof(VD))));
 typedef std::uint64_t VU __attribute__((vector_size(sizeof(VD))));
@@ -300,14 +303,13 @@ inline VF sinf_cosf(VF x, bool& fallback) {
 
 }  // namespace vm
 
+// SLEEF's float exp is as fast as an own one would be.
 inline VF m_exp(VF x) { return s_exp(x); }
 inline VD m_exp(VD x) { return vm::exp(x); }
 inline VF m_log(VF x) { return vm::logf(x); }
 inline VD m_log(VD x) { return vm::log(x); }
 inline VF m_log10(VF x) { return vm::log10f(x); }
 inline VD m_log10(VD x) { return vm::log10(x); }
-// SLEEF's sin, cos and float exp measured faster than the own forms tried
-// (docs/elementwise.md).
 inline VF m_sin(VF x) {
     bool fallback;
     const VF r = vm::sinf_cosf<0>(x, fallback);
