@@ -188,6 +188,31 @@ TEST(Sweep, FloatNearMultiplesOfHalfPiWithinOneUlp) {
     }
 }
 
+// Float Sin and Cos at every float within 0.02 of an odd multiple of pi/4
+// (the ends of the reduced range, where the polynomials are least accurate
+// and the result's rounding is closest to the bound), both signs, for the
+// first sixteen and a few far quadrants up to 2^16.
+TEST(Sweep, FloatEveryValueNearTheEndsOfTheReducedRangeWithinOneUlp) {
+    std::vector<float> x;
+    std::vector<std::int64_t> ks;
+    for (std::int64_t k = 0; k < 16; ++k) ks.push_back(k);
+    for (std::int64_t k : {100, 1001, 9999, 41700}) ks.push_back(k);
+    for (std::int64_t k : ks) {
+        const LD c = (2 * LD(k) + 1) * kPi / 4;
+        for (float v = float(c - 0.02L); v <= float(c + 0.02L); v = std::nextafter(v, INFINITY))
+            x.push_back(v), x.push_back(-v);
+    }
+    ASSERT_GT(x.size(), std::size_t(1000000));
+    for (const Member& m : kMembers) {
+        if (std::string(m.name) != "Sin" && std::string(m.name) != "Cos") continue;
+        std::vector<LD> ref(x.size());
+        for (std::size_t i = 0; i < x.size(); ++i) ref[i] = m.ref(x[i]);
+        std::vector<Worst> worst(kix::kIsaAVX512 + 1);
+        for_each_isa([&] { measure(m.f, x, ref, worst[std::size_t(kix::isa_level())]); });
+        report<float>(m, worst);
+    }
+}
+
 // Pow over random pairs (positive bases of every magnitude, exponents that
 // keep the result in range or push it out), and negative bases with
 // integral exponents.
