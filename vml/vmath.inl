@@ -1,7 +1,8 @@
 // Own vector bodies of exp (double), log, log10, sin and cos (float and
 // double), for the instruction sets with fused multiply-add (AVX2 + FMA,
 // AVX-512).  Included by isa_body.inl inside the unit's namespace, after the
-// SLEEF wrappers; the unit defines vfma (float and double) and vrcp(VF).
+// SLEEF wrappers; the unit defines vfma (float and double), vrcp(VF) and
+// any_greater (int32 lanes).
 //
 // They use the classic reductions: k ln2 with a two-piece ln2 for exp, the
 // exponent and mantissa split around sqrt(2) for log, q pi/2 with pi/2 in
@@ -254,10 +255,11 @@ inline VF log10f(VF x) {
 // In float lanes on |x| (sin is odd, cos even: the sign is set at the end),
 // for |x| <= 2^16.  q = round(|x| 2/pi) and pi/2 = P1 + P2 + P3 in float
 // pieces: a = |x| - q P1 is exact (below 1 in size, on the 2^-23 grid),
-// b = a - q P2 rounds, and y = (a - b) - q P2 - q P3 is what the rounding
-// lost (a - b is exact while |b| > 2.04 |q P2|, which |b| >= 2^-22 |x|
-// guarantees with a factor of two to spare).  With z = (b + y)^2 rounded
-// once (b^2 + 2 b y in one fma),
+// b = a - q P2 rounds, and y = (a - b) - q P2 is what the rounding lost
+// (a - b is exact while |b| > 2.04 |q P2|).  q P3 (below 2^-33) is left
+// out: where |b| >= 2^-21 q, which covers the exactness five times over,
+// that costs at most 2^-28 relatively.  With z = (b + y)^2 rounded once
+// (b^2 + 2 b y in one fma),
 //   sin(b + y) = b + (b z S(z) + y),
 //   cos(b + y) = 1 + z (-1/2 + z C(z)),
 // each a single rounding of a sum whose small part is accurate to a few
@@ -265,9 +267,10 @@ inline VF log10f(VF x) {
 // the rounding of -1/2 + z C(z) 0.15, the polynomials' own error (fitted
 // minimax, float coefficients) 2^-27.9 relatively for sin and 2^-33 for cos.
 // Measured over every float up to 2^16: 0.88 ulp for both.  Two polynomials
-// of three terms and no exactly carried 1 - z/2 keep it at 15 multiplies and
-// fused multiply-adds per vector.  Vectors with a lane beyond 2^16, that
-// close to a multiple of pi/2, infinite or NaN take SLEEF's 1-ulp form.
+// of three terms and no exactly carried 1 - z/2 keep it at 14 multiplies and
+// fused multiply-adds per vector.  Vectors with a lane beyond 2^16, with
+// |b| below 2^-21 q (next to a multiple of pi/2), infinite or NaN take
+// SLEEF's 1-ulp form.
 inline VF cf(float v) { return splat<VF>(v); }
 inline VF hornerf(VF, float c0) { return cf(c0); }
 template <class... C>
@@ -285,18 +288,15 @@ inline VF sinf_cosf(VF x, bool& fallback) {
     const VUf n = (VUf)t + Shift;  // the quadrant, cos one ahead
     const VF a = vfma(q, cf(-0x1.921fb6p+0f), ax);
     const VF b = vfma(q, cf(0x1.777a5cp-25f), a);
-    VF y = vfma(q, cf(0x1.777a5cp-25f), a - b);
-    y = vfma(q, cf(0x1.ee59dap-50f), y);
+    const VF y = vfma(q, cf(0x1.777a5cp-25f), a - b);
     // On the bit patterns: |x| beyond 2^16 (infinities and NaN too), and
-    // |b| below 2^-22 |x| (the exponent lowered by 22; tiny |x| give q = 0
-    // and b = |x|, which always passes).
-    const VIf ix = (VIf)ax;
-    fallback = any((ix > 0x47800000) | (((VIf)b & 0x7fffffff) < ix - (22 << 23)));
+    // |b| below 2^-21 q (q's exponent lowered by 21; q = 0 always passes).
+    fallback = any_greater((VIf)ax, splat<VIf>(0x47800000), (VIf)q - (21 << 23), (VIf)b & 0x7fffffff);
     const VF z = vfma(b, b, (b + b) * y);
     const VF sn = b + vfma(z * b, hornerf(z, -0x1.555546p-3f, 0x1.11077ep-7f, -0x1.9956b6p-13f), y);
     const VF cs = vfma(z, hornerf(z, -0.5f, 0x1.55554ap-5f, -0x1.6c0c2ep-10f, 0x1.99ead0p-16f), cf(1.0f));
-    const VF r = (n & 1) != 0 ? cs : sn;
-    VUf s = n << 30;  // quadrants 2 and 3 negate
+    const VF r = (VIf)(n << 31) < 0 ? cs : sn;  // odd quadrants take cos
+    VUf s = n << 30;                            // quadrants 2 and 3 negate
     if constexpr (Shift == 0) s ^= ux;
     return (VF)((VUf)r ^ (s & 0x80000000u));
 }
