@@ -1,7 +1,9 @@
 // Element-wise kernels on 16 Mi pixels, beside a copy of the same bytes in the
-// same run (the memory-bandwidth bound), on the OpenMP threads of the run.
-// Bytes per call: read plus written (three arrays for binary members, two
-// for unary ones); the copy benchmarks move 2 and 3 arrays' worth.
+// same run (the memory-bandwidth bound), on the OpenMP threads of the run;
+// the transcendental members also on 1 and 2 threads (the /threads:N
+// benchmarks).  Bytes per call: read plus written (three arrays for binary
+// members, two for unary ones); the copy benchmarks move 2 and 3 arrays'
+// worth.  The label names the instruction set the kernels ran on.
 #include <benchmark/benchmark.h>
 
 #include <omp.h>
@@ -12,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/runtime.hpp"
 #include "vml/kernels.hpp"
 
 namespace k = kix::vml::kernels;
@@ -75,6 +78,16 @@ void unary(benchmark::State& state, T lo, T hi) {
         benchmark::DoNotOptimize(d.y.data());
     }
     state.SetBytesProcessed(std::int64_t(state.iterations()) * kN * std::int64_t(2 * sizeof(T)));
+    state.SetLabel(kix::isa_name(kix::isa_level()));
+}
+
+// The same on range(0) threads of the module, set for the benchmark only.
+template <class T, void (*F)(const T*, T*, std::int64_t)>
+void unary_threads(benchmark::State& state, T lo, T hi) {
+    const int before = omp_get_max_threads();
+    kix::set_num_threads(int(state.range(0)));
+    unary<T, F>(state, lo, hi);
+    kix::set_num_threads(before);
 }
 
 template <class T, void (*F)(const T*, const T*, T*, std::int64_t)>
@@ -101,9 +114,15 @@ void register_type(const char* type) {
     add("Add", [](benchmark::State& s) { binary<T, &k::Add<T>>(s, T(-10), T(10)); });
     add("Mul", [](benchmark::State& s) { binary<T, &k::Mul<T>>(s, T(-10), T(10)); });
     add("Sqr", [](benchmark::State& s) { unary<T, &k::Sqr<T>>(s, T(-10), T(10)); });
-    add("Exp", [](benchmark::State& s) { unary<T, &k::Exp<T>>(s, T(-10), T(10)); });
-    add("Ln", [](benchmark::State& s) { unary<T, &k::Ln<T>>(s, T(1e-3), T(1e3)); });
-    add("Sin", [](benchmark::State& s) { unary<T, &k::Sin<T>>(s, T(-10), T(10)); });
+    auto threads = [&](const char* name, auto fn) {
+        benchmark::RegisterBenchmark((std::string(name) + "/" + type + "/threads").c_str(), fn)
+            ->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+    };
+    threads("Exp", [](benchmark::State& s) { unary_threads<T, &k::Exp<T>>(s, T(-10), T(10)); });
+    threads("Ln", [](benchmark::State& s) { unary_threads<T, &k::Ln<T>>(s, T(1e-3), T(1e3)); });
+    threads("Log10", [](benchmark::State& s) { unary_threads<T, &k::Log10<T>>(s, T(1e-3), T(1e3)); });
+    threads("Sin", [](benchmark::State& s) { unary_threads<T, &k::Sin<T>>(s, T(-10), T(10)); });
+    threads("Cos", [](benchmark::State& s) { unary_threads<T, &k::Cos<T>>(s, T(-10), T(10)); });
     add("Pow", [](benchmark::State& s) { binary<T, &k::Pow<T>>(s, T(0.1), T(4)); });
     add("Erf", [](benchmark::State& s) { unary<T, &k::Erf<T>>(s, T(-4), T(4)); });
 }

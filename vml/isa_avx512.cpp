@@ -33,6 +33,19 @@ inline VD vsqrt(VD x) { return VD(_mm512_sqrt_pd(ND(x))); }
 inline void put_stream(float* p, VF v) { _mm512_stream_ps(p, NF(v)); }
 inline void put_stream(double* p, VD v) { _mm512_stream_pd(p, ND(v)); }
 inline void fence() { _mm_sfence(); }
+// Whether any lane of a comparison's result is set.
+inline bool any_lane(decltype(VD{} < VD{}) m) { return _mm512_test_epi64_mask(__m512i(m), __m512i(m)) != 0; }
+inline bool any_lane(decltype(VF{} < VF{}) m) { return _mm512_test_epi32_mask(__m512i(m), __m512i(m)) != 0; }
+// Whether a > b or c > d in any 32-bit lane, straight from the comparison
+// masks (a vector compare in GCC's form becomes a vector, then a mask again).
+typedef std::int32_t VI32 __attribute__((vector_size(64)));
+inline bool any_greater(VI32 a, VI32 b, VI32 c, VI32 d) {
+    return (_mm512_cmpgt_epi32_mask(__m512i(a), __m512i(b)) | _mm512_cmpgt_epi32_mask(__m512i(c), __m512i(d))) != 0;
+}
+inline VD vfma(VD a, VD b, VD c) { return VD(_mm512_fmadd_pd(ND(a), ND(b), ND(c))); }
+inline VF vfma(VF a, VF b, VF c) { return VF(_mm512_fmadd_ps(NF(a), NF(b), NF(c))); }
+inline VF vrcp(VF x) { return VF(_mm512_rcp14_ps(NF(x))); }  // 14 bits
+#define KIX_VML_OWN_MATH 1
 
 #include "vml/isa_body.inl"
 

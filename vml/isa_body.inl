@@ -46,7 +46,6 @@ KIX_WRAP1(s_atanh, atanh, u10)
 KIX_WRAP1(s_erf, erf, u10)
 KIX_WRAP1(s_erfc, erfc, u15)
 KIX_WRAP1(s_cbrt, cbrt, u10)
-KIX_WRAP1(s_fabs, fabs, )
 KIX_WRAP1(s_floor, floor, )
 KIX_WRAP1(s_ceil, ceil, )
 KIX_WRAP1(s_trunc, trunc, )
@@ -56,6 +55,15 @@ KIX_WRAP2(s_pow, pow, u10)
 KIX_WRAP2(s_hypot, hypot, u05)
 KIX_WRAP2(s_atan2, atan2, u10)
 KIX_WRAP2(s_copysign, copysign, )
+// |x| by clearing the sign bit, inline: SLEEF's fabs is a call into the library.
+inline VF s_fabs(VF x) {
+    typedef std::uint32_t U __attribute__((vector_size(sizeof(VF))));
+    return (VF)((U)x & 0x7fffffffu);
+}
+inline VD s_fabs(VD x) {
+    typedef std::uint64_t U __attribute__((vector_size(sizeof(VD))));
+    return (VD)((U)x & 0x7fffffffffffffffull);
+}
 inline VF s_fma(VF a, VF b, VF c) { return VF(KIX_SF(fma, )(NF(a), NF(b), NF(c))); }
 inline VD s_fma(VD a, VD b, VD c) { return VD(KIX_SD(fma, )(ND(a), ND(b), ND(c))); }
 
@@ -92,19 +100,41 @@ template <class V>
 inline V splat(elem<V> s) {
     return V{} + s;
 }
-// Reduced through 64-bit words: a lane-by-lane loop costs more than the maths.
+// Through the unit's mask test (any_lane): a lane-by-lane loop, or a trip
+// through memory, costs more than the maths.
 template <class M>
 inline bool any(M m) {
-    std::uint64_t w[sizeof(M) / 8];
-    std::memcpy(w, &m, sizeof m);
-    std::uint64_t r = 0;
-    for (std::size_t k = 0; k < sizeof(M) / 8; ++k) r |= w[k];
-    return r != 0;
+    return any_lane(m);
 }
 template <class M>
 inline bool all(M m) {
     return !any(~m);
 }
+
+// Exp, Ln, Log10, Sin and Cos: own bodies where the unit has fused
+// multiply-add, SLEEF's otherwise.
+#ifdef KIX_VML_OWN_MATH
+#include "vml/vmath.inl"
+#else
+inline VF m_exp(VF x) { return s_exp(x); }
+// SLEEF's SSE2 exp overflows just below the threshold (709.7827...).
+inline VD m_exp(VD x) {
+    VD r = s_exp(x);
+    const auto bad = (r == std::numeric_limits<double>::infinity()) & (x < 709.8);
+    if (any(bad))
+        for (int k = 0; k < kLanes<VD>; ++k)
+            if (bad[k]) r[k] = std::exp(x[k]);
+    return r;
+}
+inline VF m_log(VF x) { return s_log(x); }
+inline VD m_log(VD x) { return s_log(x); }
+inline VF m_log10(VF x) { return s_log10(x); }
+inline VD m_log10(VD x) { return s_log10(x); }
+inline VF m_sin(VF x) { return s_sin(x); }
+inline VD m_sin(VD x) { return s_sin(x); }
+inline VF m_cos(VF x) { return s_cos(x); }
+inline VD m_cos(VD x) { return s_cos(x); }
+#endif
 
 template <class V>
 inline V vload(const elem<V>* p) {
@@ -345,13 +375,13 @@ KIX_OP1(Cbrt, s_cbrt(x))
 KIX_OP1(InvCbrt, E(1) / s_cbrt(x))
 KIX_OP1(Pow2o3, pow2o3(x))
 KIX_OP1(Pow3o2, x * vsqrt(x))
-KIX_OP1(Exp, s_exp(x))
+KIX_OP1(Exp, m_exp(x))
 KIX_OP1(Expm1, s_expm1(x))
-KIX_OP1(Ln, s_log(x))
-KIX_OP1(Log10, s_log10(x))
+KIX_OP1(Ln, m_log(x))
+KIX_OP1(Log10, m_log10(x))
 KIX_OP1(Log1p, fix_overflow(s_log1p(x), x, Wide::Log1p))
-KIX_OP1(Cos, s_cos(x))
-KIX_OP1(Sin, s_sin(x))
+KIX_OP1(Cos, m_cos(x))
+KIX_OP1(Sin, m_sin(x))
 KIX_OP1(Tan, s_tan(x))
 KIX_OP1(Cosh, fix_overflow(s_cosh(x), x, Wide::Cosh))
 KIX_OP1(Sinh, fix_overflow(s_sinh(x), x, Wide::Sinh))

@@ -2,6 +2,7 @@
 #include <immintrin.h>
 #include <sleef.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -29,6 +30,9 @@ inline VD vsqrt(VD x) { return VD(_mm_sqrt_pd(ND(x))); }
 inline void put_stream(float* p, VF v) { _mm_stream_ps(p, NF(v)); }
 inline void put_stream(double* p, VD v) { _mm_stream_pd(p, ND(v)); }
 inline void fence() { _mm_sfence(); }
+// Whether any lane of a comparison's result is set.
+inline bool any_lane(decltype(VD{} < VD{}) m) { return _mm_movemask_pd(__m128d(m)) != 0; }
+inline bool any_lane(decltype(VF{} < VF{}) m) { return _mm_movemask_ps(__m128(m)) != 0; }
 
 #include "vml/isa_body.inl"
 
