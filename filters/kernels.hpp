@@ -4,8 +4,8 @@
 // are invalid.") and, where it cannot run in place, that input and output do
 // not share pixels ("Output should be out-of-place.").
 //
-// Threads: the passes fan out over rows, columns or blocks of columns with
-// OpenMP; each output value is computed by one thread in the order the
+// Threads: the passes fan out over rows, columns or blocks of columns on the
+// module's thread pool; each output value is computed by one thread in the order the
 // definition gives, so results do not depend on the thread count except for
 // the column sums of the 2-D moving average, which each band of rows starts
 // afresh (sums then differ in the order of floating-point addition only).

@@ -12,8 +12,6 @@
 // NaN: the networks keep the outcome of `<` selections, quickselect that of
 // its greater-or-equal swaps and the ranks order NaN above +inf; a box
 // holding a NaN has no promised median, every other box has its exact one.
-#include <omp.h>
-
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -22,6 +20,7 @@
 #include "filters/kernels.hpp"
 #include "filters/median.hpp"
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 #include "stats/select.hpp"
 
@@ -72,15 +71,16 @@ T median_at(const T* in, std::int64_t irs, std::int64_t nx, std::int64_t ny, std
 template <class T>
 void median_generic(const T* in, std::int64_t irs, T* out, std::int64_t ors, std::int64_t nx, std::int64_t ny,
                     std::int64_t r, bool zero_pad) {
-    const int threads = omp_get_max_threads();
+    const int threads = kix::num_threads();
     const std::size_t m = static_cast<std::size_t>(std::min((2 * r + 1) * (2 * r + 1), nx * ny));
     std::vector<std::vector<T>> work(static_cast<std::size_t>(threads));
     for (auto& w : work) w.reserve(m);
-#pragma omp parallel for schedule(dynamic, 1) if (nx * ny * std::min<std::int64_t>(m, 64) >= kParallelMin)
-    for (std::int64_t y = 0; y < ny; ++y) {
-        std::vector<T>& w = work[std::size_t(omp_get_thread_num())];
-        for (std::int64_t x = 0; x < nx; ++x) out[x + y * ors] = median_at(in, irs, nx, ny, x, y, r, zero_pad, w);
-    }
+    const bool parallel = nx * ny * std::min<std::int64_t>(m, 64) >= kParallelMin;
+    kix::parallel_for(ny, parallel ? 1 : ny, [&](std::int64_t y0, std::int64_t y1) {
+        std::vector<T>& w = work[std::size_t(kix::thread_slot())];
+        for (std::int64_t y = y0; y < y1; ++y)
+            for (std::int64_t x = 0; x < nx; ++x) out[x + y * ors] = median_at(in, irs, nx, ny, x, y, r, zero_pad, w);
+    });
 }
 
 // Boxes of 3 x 3 to 7 x 7 by the networks; false when the rows are shorter
@@ -95,7 +95,7 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
     // Staged columns: a zero-filled copy of the box rows around a few output
     // columns (those of the border, or a whole short row), wide enough for one vector.
     const std::int64_t staged_width = (split ? std::max(lanes, r) : nx) + 2 * r;
-    const int threads = omp_get_max_threads();
+    const int threads = kix::num_threads();
     // Without padding the border boxes shrink, which no fixed network
     // handles: the strips of the border are filtered by ranks on their own
     // (a box within r of an edge reaches at most 2r pixels in from it, so a
@@ -168,8 +168,11 @@ bool median_networks(const T* in, std::int64_t irs, T* out, std::int64_t ors, st
     };
     // Without padding the border rows are done.
     const std::int64_t first = zero_pad ? 0 : r, end = zero_pad ? ny : ny - r;
-#pragma omp parallel for schedule(dynamic, 8) if (nx * ny * m >= kNetworkParallelMin)
-    for (std::int64_t y = first; y < end; ++y) row(y, work[std::size_t(omp_get_thread_num())]);
+    const std::int64_t rows = end - first;
+    kix::parallel_for(rows, nx * ny * m >= kNetworkParallelMin ? 8 : rows, [&](std::int64_t y0, std::int64_t y1) {
+        Work& w = work[std::size_t(kix::thread_slot())];
+        for (std::int64_t y = first + y0; y < first + y1; ++y) row(y, w);
+    });
     return true;
 }
 

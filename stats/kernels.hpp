@@ -6,9 +6,9 @@
 // Every pixel is widened to double before it is accumulated.  Kernels with a
 // generic and a vectorised form choose per call from the processor-feature
 // record (kix::HasSSE2(), which KIXSetUseSIMD(0) clears); the vectorised form
-// uses the widest SIMD the processor has and OpenMP over pieces of the image,
-// and its partial results are merged in scan order, so its result does not
-// depend on the thread count.  Sums of the two forms agree up to the order of
+// uses the widest SIMD the processor has and the module's threads over pieces
+// of the image, and its partial results are merged in scan order, so its
+// result does not depend on the thread count.  Sums of the two forms agree up to the order of
 // floating-point summation; extreme values and positions agree exactly (for
 // MinMax, the tied position follows the lane rule below).
 #pragma once

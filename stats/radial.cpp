@@ -1,7 +1,5 @@
 #include "stats/radial.hpp"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "runtime/error.hpp"
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 
 namespace kix::stats {
@@ -296,15 +295,15 @@ void radial_survey(const T* src, const Geometry& g, std::int64_t cx, std::int64_
     std::vector<T> ext(static_cast<std::size_t>(2 * pieces * slots), std::numeric_limits<T>::max());
     const bool wide = HasSSE2() && isa_level() >= kIsaAVX512;
     const bool parallel = pieces > 1 && g.nx * g.ny >= (1 << 16);
-    // Work rows per thread, allocated here: nothing may throw inside the
-    // parallel region.
-    std::vector<Folded<T>> work(static_cast<std::size_t>(parallel ? omp_get_max_threads() : 1));
+    // Work rows per thread, allocated here, so that the loop's chunks
+    // allocate nothing.  A loop kept on one thread may run inside another
+    // loop's chunk, with that loop's slot: it takes the first rows.
+    std::vector<Folded<T>> work(static_cast<std::size_t>(parallel ? kix::num_threads() : 1));
     for (Folded<T>& f : work) f.resize(m);
-#pragma omp parallel if (parallel)
-    {
-        Folded<T>& f = work[static_cast<std::size_t>(omp_get_thread_num())];
-#pragma omp for schedule(dynamic, 1)
-        for (std::int64_t p = 0; p < pieces; ++p) {
+    kix::parallel_for(pieces, parallel ? 1 : pieces, [&](std::int64_t p0, std::int64_t p1) {
+        const std::size_t slot = static_cast<std::size_t>(kix::thread_slot());
+        Folded<T>& f = work[slot < work.size() ? slot : 0];
+        for (std::int64_t p = p0; p < p1; ++p) {
             double* const ps = sums + 4 * p * slots;
             T* const pe = ext.data() + 2 * p * slots;
             const std::int64_t d0 = rows.lo + nd * p / pieces, d1 = rows.lo + nd * (p + 1) / pieces;
@@ -319,7 +318,7 @@ void radial_survey(const T* src, const Geometry& g, std::int64_t cx, std::int64_
                     survey_rows_base(a, b, plus && minus, cx, cols, sx, dy, f, ps, pe);
             }
         }
-    }
+    });
     T* row0 = result;
     T* row1 = result + width;
     T* row2 = result + 2 * width;

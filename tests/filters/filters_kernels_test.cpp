@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
+#include <utility>
 #include <random>
 #include <vector>
 
 #include "filters/kernels.hpp"
+#include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 #include "support/isa.hpp"
 
@@ -111,6 +114,72 @@ TEST(FilterKernels, SpikeDecisionsEveryLevelEqual) {
         EXPECT_EQ(out, base);
         EXPECT_EQ(counts, base_counts);
     });
+}
+
+// Every threaded pass on images past the size at which it shares out work:
+// the same values on one thread, on three, and when called from inside a
+// chunk of another parallel loop (which keeps it on that chunk's thread,
+// whose slot may be any).  Only the 2-D moving average, whose bands start
+// their column sums afresh, depends on the thread count, within rounding.
+TEST(FilterKernels, ThreadedPassesEqualOneThreadAndNested) {
+    kix::set_use_simd(true);
+    const Geometry g{300, 260, 2, 310, 310 * 260};  // rows not packed
+    const Geometry gm = kix::dense(700, 500, 1);  // the networks share rows out from 2^24 pixel-box values
+    const auto in = random_values<float>(std::size_t(gm.count()), 5);
+    const auto counts_in = random_values<std::uint16_t>(std::size_t(40 * 30 * 40), 6);
+    const Geometry gs = kix::dense(40, 30, 40);
+    using Kernel = std::function<std::vector<float>()>;
+    auto out_of = [&](auto&& pass) {
+        return [&, pass]() {
+            std::vector<float> out(in.size(), 0.0f);
+            pass(out.data());
+            return out;
+        };
+    };
+    const std::vector<std::pair<const char*, Kernel>> kernels = {
+        {"maximum r 3", out_of([&](float* o) { kix::filters::maximum_filter(in.data(), g, o, g, 3); })},
+        {"minimum r 20", out_of([&](float* o) { kix::filters::minimum_filter(in.data(), g, o, g, 20); })},
+        {"average x", out_of([&](float* o) { kix::filters::moving_average_axis(0, in.data(), g, o, g, 5); })},
+        {"average y", out_of([&](float* o) { kix::filters::moving_average_axis(1, in.data(), g, o, g, 5); })},
+        {"average z", out_of([&](float* o) { kix::filters::moving_average_axis(2, in.data(), g, o, g, 1); })},
+        {"gaussian", out_of([&](float* o) { kix::filters::gaussian_blur(in.data(), g, o, g, 2.5, 3); })},
+        {"gaussian in place", out_of([&](float* o) {
+             std::copy(in.begin(), in.end(), o);
+             kix::filters::gaussian_blur(o, g, o, g, 2.5, 3);
+         })},
+        {"median 7 x 7", out_of([&](float* o) { kix::filters::median_filter(in.data(), gm, o, gm, 3, true, true); })},
+        {"median ranks", out_of([&](float* o) { kix::filters::median_filter(in.data(), gm, o, gm, 5, false, true); })},
+        {"spikes", [&] {
+             std::vector<std::uint16_t> out(counts_in.size());
+             std::vector<std::int16_t> counts(40 * 30);
+             kix::filters::remove_spikes(counts_in.data(), gs, out.data(), gs, counts.data(), 2, 1.5f, 4);
+             std::vector<float> all(out.begin(), out.end());
+             all.insert(all.end(), counts.begin(), counts.end());
+             return all;
+         }},
+    };
+    auto moving = out_of([&](float* o) { kix::filters::moving_average_planes(in.data(), g, o, g, 6); });
+    // Each kernel once in every chunk of a three-chunk loop.
+    auto nested = [](const Kernel& k) {
+        std::vector<std::vector<float>> outs(3);
+        kix::parallel_for(3, 1, [&](std::int64_t b, std::int64_t e) {
+            for (std::int64_t i = b; i < e; ++i) outs[std::size_t(i)] = k();
+        });
+        return outs;
+    };
+    kix::set_num_threads(1);
+    std::vector<std::vector<float>> one;
+    for (const auto& [name, k] : kernels) one.push_back(k());
+    const auto moving_one = moving();
+    kix::set_num_threads(3);
+    for (std::size_t i = 0; i < kernels.size(); ++i) {
+        EXPECT_TRUE(kernels[i].second() == one[i]) << kernels[i].first;
+        for (const auto& o : nested(kernels[i].second)) EXPECT_TRUE(o == one[i]) << kernels[i].first << " nested";
+    }
+    const auto moving_three = moving();
+    for (const auto& o : nested(moving)) EXPECT_TRUE(o == moving_three) << "moving average nested";
+    for (std::size_t i = 0; i < in.size(); ++i) ASSERT_NEAR(moving_three[i], moving_one[i], 1e-3f) << i;
+    kix::set_num_threads(2);
 }
 
 }  // namespace
