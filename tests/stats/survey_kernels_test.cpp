@@ -4,7 +4,6 @@
 // sizes, strided views, generic against vectorised forms.  The first-occurrence
 // scan and the block mean are checked through the host against numpy.
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <cmath>
 #include <cstdint>
@@ -106,7 +105,7 @@ protected:
     void TearDown() override {
         kix::set_use_simd(true);
         kix::cap_isa_level(0);
-        omp_set_num_threads(2);
+        kix::set_num_threads(2);
     }
 };
 template <class T>
@@ -193,9 +192,9 @@ TYPED_TEST(DifferenceTyped, SevenSumsMatchTheReference) {
 
 TEST_F(SurveyReal, ThreadCountDoesNotChangeTheVectorSums) {
     Img<float> img = random_image<float>(4099, 257, 1, false, 11);
-    omp_set_num_threads(1);
+    kix::set_num_threads(1);
     const auto one = kix::stats::survey_vector(img.data(), img.g);
-    omp_set_num_threads(2);
+    kix::set_num_threads(2);
     const auto two = kix::stats::survey_vector(img.data(), img.g);
     EXPECT_EQ(one.sum, two.sum);
     EXPECT_EQ(one.sum_sq, two.sum_sq);
@@ -272,7 +271,7 @@ TYPED_TEST(LaneTyped, VectorisedLanesFollowTheRuleOnRandomTies) {
             for (int level : kLevels) {
                 kix::cap_isa_level(level);
                 const int threads = level == 3 ? 1 : 2;
-                omp_set_num_threads(threads);
+                kix::set_num_threads(threads);
                 const auto got = kix::stats::minmax_lanes(img.data(), img.g);
                 SCOPED_TRACE(testing::Message() << s.nx << "x" << s.ny << "x" << s.nz << " level " << level
                                                 << " threads " << threads);
