@@ -22,7 +22,7 @@
 #include "runtime/error.hpp"
 #include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
-#include "stats/select.hpp"
+#include "vorn/dm/select.hpp"
 
 namespace kix::filters {
 
@@ -38,14 +38,14 @@ constexpr std::int64_t kNetworkParallelMin = std::int64_t(1) << 24;
 // the union is found among the negatives, is 0, or among the positives.
 template <class T>
 T median_with_zeros(T* v, std::size_t m, std::int64_t zeros) {
-    if (zeros == 0) return stats::median(v, m);
+    if (zeros == 0) return order::median(v, m);
     T* neg_end = std::partition(v, v + m, [](T a) { return a < T(0); });
     T* pos_begin = std::partition(neg_end, v + m, [](T a) { return !(a > T(0)); });
     const std::int64_t neg = neg_end - v, zero = (pos_begin - neg_end) + zeros, pos = (v + m) - pos_begin;
     auto kth = [&](std::int64_t k) -> T {
-        if (k < neg) return stats::select(v, std::size_t(neg), std::size_t(k));
+        if (k < neg) return order::select(v, std::size_t(neg), std::size_t(k));
         if (k < neg + zero) return T(0);
-        return stats::select(pos_begin, std::size_t(pos), std::size_t(k - neg - zero));
+        return order::select(pos_begin, std::size_t(pos), std::size_t(k - neg - zero));
     };
     const std::int64_t total = neg + zero + pos, k = total / 2;
     const T a = kth(k);
@@ -213,7 +213,7 @@ void median_filter(const T* in, const Geometry& gi, T* out, const Geometry& go, 
     if (!zero_pad && r >= nx - 1 && r >= ny - 1) {
         std::vector<T> all(static_cast<std::size_t>(nx * ny));
         for (std::int64_t y = 0; y < ny; ++y) std::memcpy(all.data() + y * nx, in + y * irs, sizeof(T) * nx);
-        return fill(stats::median(all.data(), all.size()));
+        return fill(order::median(all.data(), all.size()));
     }
     if (vectorised && r <= 3 && median_networks(in, irs, out, ors, nx, ny, r, zero_pad)) return;
     if (median_by_ranks(in, irs, out, ors, nx, ny, r, zero_pad, vectorised)) return;

@@ -21,12 +21,15 @@
 #include "runtime/pool.hpp"
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
-#include "stats/keys.hpp"
-#include "stats/select.hpp"
+#include "vorn/dm/keys.hpp"
+#include "vorn/dm/select.hpp"
 #include "stats/simd.hpp"
 #include "vorn/dm/store.hpp"
 
 namespace kix::stats {
+
+using order::median;
+using order::select;
 
 // ------------------------------------------------------ median network
 MedianNetwork median_network(std::int64_t n) {

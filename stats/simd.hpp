@@ -10,9 +10,13 @@
 
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
-#include "stats/keys.hpp"
+#include "vorn/dm/keys.hpp"
 
 namespace kix::stats {
+
+using order::key_of;
+using order::key_t;
+using order::value_of;
 
 // A median-selection network for n values: the compare-exchanges of Batcher's
 // merge-exchange sort of n elements, keeping only those that the middle

@@ -14,7 +14,7 @@
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
 #include "vorn/dm/store.hpp"
-#include "stats/select.hpp"
+#include "vorn/dm/select.hpp"
 #include "stats/simd.hpp"
 
 namespace {
@@ -80,7 +80,7 @@ TYPED_TEST(OrderTyped, SelectFindsEveryRank) {
             std::sort(sorted.begin(), sorted.end());
             for (std::size_t k = 0; k < m; ++k) {
                 std::vector<T> work = v;
-                ASSERT_EQ(kix::stats::select(work.data(), m, k), sorted[k]) << "m " << m << " k " << k;
+                ASSERT_EQ(kix::order::select(work.data(), m, k), sorted[k]) << "m " << m << " k " << k;
                 // Partitioned around k, and a permutation of the input.
                 for (std::size_t i = 0; i < k; ++i) ASSERT_LE(work[i], work[k]);
                 for (std::size_t i = k + 1; i < m; ++i) ASSERT_GE(work[i], work[k]);
@@ -94,16 +94,16 @@ TYPED_TEST(OrderTyped, SelectFindsEveryRank) {
 TYPED_TEST(OrderTyped, MedianOfGoldenAndRandomArrays) {
     using T = TypeParam;
     std::vector<T> even = {4, 1, 3, 2}, odd = {5, 1, 3};
-    EXPECT_EQ(kix::stats::median(even.data(), even.size()), T(2.5));
-    EXPECT_EQ(kix::stats::median(odd.data(), odd.size()), T(3));
+    EXPECT_EQ(kix::order::median(even.data(), even.size()), T(2.5));
+    EXPECT_EQ(kix::order::median(odd.data(), odd.size()), T(3));
     std::vector<T> one = {7};
-    EXPECT_EQ(kix::stats::median(one.data(), 1), T(7));
+    EXPECT_EQ(kix::order::median(one.data(), 1), T(7));
     unsigned seed = 50;
     for (std::size_t m : {2u, 3u, 8u, 9u, 100u, 1001u, 4096u}) {
         for (Spread s : {Spread::kNormal, Spread::kNarrow, Spread::kFewValues}) {
             std::vector<T> v = values<T>(m, s, seed++);
             const T want = sorted_median(v);
-            EXPECT_EQ(kix::stats::median(v.data(), m), want) << m;
+            EXPECT_EQ(kix::order::median(v.data(), m), want) << m;
         }
     }
 }

@@ -1,8 +1,8 @@
-#include "stats/select.hpp"
+#include "vorn/dm/select.hpp"
 
 #include <utility>
 
-namespace kix::stats {
+namespace kix::order {
 
 template <class T>
 T select(T* a, std::size_t m, std::size_t k) {
@@ -55,4 +55,4 @@ template double select<double>(double*, std::size_t, std::size_t);
 template float median<float>(float*, std::size_t);
 template double median<double>(double*, std::size_t);
 
-}  // namespace kix::stats
+}  // namespace kix::order

@@ -1,10 +1,10 @@
-// The shared selection and median routines of the order statistics and the
-// median filter.  One instance per real type (float, double).
+// The selection and median routines that define the module's order
+// statistics: the statistics family and the median filter both use them.  One instance per real type (float, double).
 #pragma once
 
 #include <cstddef>
 
-namespace kix::stats {
+namespace kix::order {
 
 // Rearranges values[0 .. m) so that values[k] holds the k-th smallest value
 // (0-based) with nothing larger before it and nothing smaller after it, and
@@ -19,4 +19,4 @@ T select(T* values, std::size_t m, std::size_t k);
 template <class T>
 T median(T* values, std::size_t m);
 
-}  // namespace kix::stats
+}  // namespace kix::order

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <type_traits>
 
-namespace kix::stats {
+namespace kix::order {
 
 template <class T>
 using key_t = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
@@ -32,4 +32,4 @@ inline T value_of(key_t<T> k) {
     return v;
 }
 
-}  // namespace kix::stats
+}  // namespace kix::order
