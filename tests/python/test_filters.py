@@ -6,20 +6,12 @@ import numpy as np
 import pytest
 from scipy import ndimage
 
-import kix
-from conftest import in_order, random_array
+from conftest import ids, in_order, random_array, script_error
 
 REAL = [np.float32, np.float64]
 AVERAGED = REAL + [np.complex64, np.complex128]
 STORED = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
-ids = lambda s: "x".join(map(str, s))
 name = lambda t: np.dtype(t).name
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 def tol(dtype):
@@ -176,13 +168,6 @@ def median_naive(a, r, zero_pad):
             k = v.size // 2
             out[y, x] = v[k] if v.size % 2 else (v[k] + v[k - 1]) * a.dtype.type(0.5)
     return out
-
-
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
 
 
 @pytest.mark.parametrize("shape", [(1, 1), (1, 9), (9, 1), (2, 2), (6, 5), (13, 20), (24, 31)], ids=ids)

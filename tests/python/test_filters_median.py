@@ -8,10 +8,7 @@ import numpy as np
 import pytest
 from numpy.lib.stride_tricks import sliding_window_view
 
-import kix
-
 REAL = [np.float32, np.float64]
-ids = lambda s: "x".join(map(str, s))
 
 
 def median_sorted(a, r, zero_pad):
@@ -32,13 +29,6 @@ def with_ties(rng, shape, dtype):
     """Few distinct values: ties, zeros of both signs, infinities."""
     v = np.array([-np.inf, -3, -1, -0.0, 0.0, 0.0, 2, 2, 5, np.inf], dtype)
     return rng.choice(v, shape)
-
-
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
 
 
 # Rows narrower than a vector; a short interior (the whole row staged); wide
