@@ -258,27 +258,15 @@ def test_gaussian_blur_against_naive(host, rng, dtype, shape):
             np.testing.assert_array_equal(out, a)
 
 
-@pytest.mark.parametrize("dtype", REAL, ids=name)
-def test_gaussian_blur_threaded_bands_and_in_place(host, rng, dtype):
-    # Large enough for the threaded forms: bands of rows out of place, whole passes in place.
-    a = random_array(rng, (301, 257), dtype)
-    for rad in (0.8, 3.0, 12.0):
-        want = gaussian_naive(a, rad, 3)
-        out = host.library_call("KIXGaussianBlur", host.image(a), rad, 3, None).numpy()
-        np.testing.assert_allclose(out, want, rtol=4 * tol(dtype), atol=4 * tol(dtype) * np.abs(a).max())
-        img = host.image(a)
-        host.library_call("KIXGaussianBlur", img, rad, 3, img)
-        np.testing.assert_array_equal(img.numpy(), out)
-
-
-@pytest.mark.parametrize("shape", [(517, 77), (70, 1003), (40, 9)], ids=ids)
+@pytest.mark.parametrize("shape", [(517, 77), (70, 1003), (301, 257), (40, 9)], ids=ids)
 @pytest.mark.parametrize("dtype", REAL, ids=name)
 def test_gaussian_blur_row_blocks_equal_single_rows(host, rng, simd, dtype, shape):
     # Out of place, interior rows go several at a time through the column
-    # pass; in place every row goes alone.  Same taps in the same order: the
-    # same numbers, at every instruction-set level.
+    # pass (in bands of rows on several threads); in place every row goes
+    # alone, whole passes threaded.  Same taps in the same order: the same
+    # numbers, at every instruction-set level.
     a = random_array(rng, shape, dtype)
-    for rad in (0.5, 2.0, 5.3):
+    for rad in (0.5, 0.8, 2.0, 5.3, 12.0):
         out = host.library_call("KIXGaussianBlur", host.image(a), rad, 3, None).numpy()
         np.testing.assert_allclose(out, gaussian_naive(a, rad, 3), rtol=4 * tol(dtype),
                                    atol=4 * tol(dtype) * np.abs(a).max())
@@ -300,10 +288,6 @@ def test_gaussian_blur_weights_in_place_and_constant(host):
     img = host.image(c)
     host.library_call("KIXGaussianBlur", img, 3.0, 3, img)  # in place
     np.testing.assert_allclose(img.numpy(), 2.5, rtol=1e-6)
-    b = np.random.default_rng(1).standard_normal((40, 50))
-    img = host.image(b)
-    host.library_call("KIXGaussianBlur", img, 2.0, 3, img)
-    np.testing.assert_array_equal(img.numpy(), host.library_call("KIXGaussianBlur", host.image(b), 2.0, 3, None).numpy())
 
 
 # ------------------------------------------------------ finite differences
