@@ -8,6 +8,8 @@ import numpy as np
 import pytest
 from numpy.lib.stride_tricks import sliding_window_view
 
+from conftest import ids, random_array
+
 REAL = [np.float32, np.float64]
 
 
@@ -49,6 +51,20 @@ def test_median_every_form_equals_sorted_boxes(host, rng, simd, dtype, shape, ra
         for pad in (0, 1):
             out = host.library_call("KIXMedianFilter", host.image(a), r, None, pad).numpy()
             np.testing.assert_array_equal(out, median_sorted(a, r, pad), err_msg=f"r={r} pad={pad}")
+
+
+# Degenerate planes (one pixel, one row, one column, 2 x 2), radius 0 and boxes
+# larger than the plane; the three-argument form never pads.
+@pytest.mark.parametrize("shape", [(1, 1), (1, 9), (9, 1), (2, 2), (6, 5), (13, 20), (24, 31)], ids=ids)
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+def test_median_small_planes_equal_sorted_boxes(host, rng, simd, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    for r in [0, 1, 2, 3, 4, 7, 30]:
+        for pad in (0, 1):
+            out = host.library_call("KIXMedianFilter", host.image(a), r, None, pad).numpy()
+            np.testing.assert_array_equal(out, median_sorted(a, r, pad), err_msg=f"r={r} pad={pad}")
+        out = host.call("KIXMedianFilterDLL", host.image(a), r, None).numpy()
+        np.testing.assert_array_equal(out, median_sorted(a, r, False))
 
 
 @pytest.mark.parametrize("r", [1, 3, 6])
