@@ -13,28 +13,17 @@
 
 #include "fft/plans.hpp"
 #include "fft/transforms.hpp"
-#include "host/host.hpp"
-#include "sdk/plugin_sdk.hpp"
+#include "tests/support/module_on_host.hpp"
 #include "vorn/dm/image.hpp"
 
 namespace {
 
-using kixhost::Host;
 using kixhost::ImagePtr;
 using vorn::dm::image;
 template <class T>
 using C = std::complex<T>;
 using LC = std::complex<long double>;
 const long double kPi = 3.141592653589793238462643383279502884L;
-
-std::string error_of(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const kix::Error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
 
 // Half spectrum (exponent -, x halved) of a dense nx x ny x nz real array.
 std::vector<LC> naive_half(const std::vector<long double>& f, std::int64_t nx, std::int64_t ny, std::int64_t nz) {
@@ -62,22 +51,9 @@ long double tolerance(std::int64_t n) {
 }
 
 template <class T>
-class Exported : public ::testing::Test {
+class Exported : public kixtest::ModuleOnHost {
 protected:
-    static void SetUpTestSuite() {
-        host_ = new Host();
-        Gatan::PlugIn::SetCallbacks(host_->callbacks());
-    }
-    static void TearDownTestSuite() {
-        delete host_;
-        host_ = nullptr;
-    }
-    static Gatan::DM::Image handle(const ImagePtr& p) {
-        return Gatan::DM::Image(Gatan::PlugIn::Object::Borrow(reinterpret_cast<KixObject*>(
-            static_cast<kixhost::Object*>(p.get()))));
-    }
     static int complex_type() { return sizeof(T) == 4 ? kixhost::kComplex64 : kixhost::kComplex128; }
-    inline static Host* host_ = nullptr;
 };
 using Precisions = ::testing::Types<float, double>;
 TYPED_TEST_SUITE(Exported, Precisions);
@@ -140,9 +116,9 @@ TYPED_TEST(Exported, HalfPureFFT2RefusesANarrowDestination) {
     ImagePtr dst = this->host_->new_image(this->complex_type(), {4, 3});
     image<C<T>> a(this->handle(src)), b(this->handle(dst));
     const std::vector<C<T>> before(b.data(), b.data() + 12);
-    EXPECT_NE(error_of([&] { kix::HalfPureFFT2<C<T>, T>(a, T(1), b); }).find("cimDst.width() >= cimSrc.width()/2 + 1"),
+    EXPECT_NE(this->error_of([&] { kix::HalfPureFFT2<C<T>, T>(a, T(1), b); }).find("cimDst.width() >= cimSrc.width()/2 + 1"),
               std::string::npos);
-    EXPECT_NE(error_of([&] { kix::HalfPureIFFT2<T, C<T>>(b, T(1), a); }).find("cimSrc.width() >= cimDst.width()/2 + 1"),
+    EXPECT_NE(this->error_of([&] { kix::HalfPureIFFT2<T, C<T>>(b, T(1), a); }).find("cimSrc.width() >= cimDst.width()/2 + 1"),
               std::string::npos);
     EXPECT_EQ(std::vector<C<T>>(b.data(), b.data() + 12), before);  // nothing written
 }
@@ -231,18 +207,18 @@ TYPED_TEST(Exported, RawBufferPlanPointersAreCheckedAgainstTheLivePlans) {
     EXPECT_EQ(spectrum[3], C<T>(0, 0));
     kix::PostprocessRealFFT(plan);
     // Released, released twice, never issued, inside a plan, null: errors, no reads.
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), plan, spectrum.data()); }), gone);
-    EXPECT_EQ(error_of([&] { kix::ProcessRealIFFT(spectrum.data(), plan, real.data()); }), gone);
-    EXPECT_EQ(error_of([&] { kix::PostprocessRealFFT(plan); }), gone);
+    EXPECT_EQ(this->error_of([&] { kix::ProcessRealFFT(real.data(), plan, spectrum.data()); }), gone);
+    EXPECT_EQ(this->error_of([&] { kix::ProcessRealIFFT(spectrum.data(), plan, real.data()); }), gone);
+    EXPECT_EQ(this->error_of([&] { kix::PostprocessRealFFT(plan); }), gone);
     auto* inside = reinterpret_cast<kix::FFTPlan*>(reinterpret_cast<char*>(plan) + 8);
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), inside, spectrum.data()); }), gone);
+    EXPECT_EQ(this->error_of([&] { kix::ProcessRealFFT(real.data(), inside, spectrum.data()); }), gone);
     auto* foreign = reinterpret_cast<kix::FFTPlan*>(spectrum.data());
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(real.data(), foreign, spectrum.data()); }), gone);
-    EXPECT_EQ(error_of([&] { kix::PostprocessRealFFT(static_cast<kix::FFTPlan*>(nullptr)); }), gone);
+    EXPECT_EQ(this->error_of([&] { kix::ProcessRealFFT(real.data(), foreign, spectrum.data()); }), gone);
+    EXPECT_EQ(this->error_of([&] { kix::PostprocessRealFFT(static_cast<kix::FFTPlan*>(nullptr)); }), gone);
     // Bad descriptions (rank 0 or 4, no lengths, a length 0) are refused before a plan exists.
     long n4[4] = {2, 2, 2, 2}, s5[5] = {0, 8, 4, 2, 1}, zero[1] = {0};
     auto prepare = [&](int rank, long* lengths, long* strides) {
-        return error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), rank, lengths, strides, strides, T(1), T(1),
+        return this->error_of([&] { kix::PreprocessRealFFT<T, T>(real.data(), rank, lengths, strides, strides, T(1), T(1),
                                                            spectrum.data(), 1, 0, 0); });
     };
     const char* bad = "Parameters are invalid.";
@@ -252,7 +228,7 @@ TYPED_TEST(Exported, RawBufferPlanPointersAreCheckedAgainstTheLivePlans) {
     EXPECT_EQ(prepare(1, zero, is), bad);
     // A live plan given null buffers.
     kix::FFTPlan* live = kix::PreprocessRealFFT<T, T>(real.data(), 1, n, is, os, T(1), T(1), spectrum.data(), 1, 0, 0);
-    EXPECT_EQ(error_of([&] { kix::ProcessRealFFT(nullptr, live, spectrum.data()); }), bad);
+    EXPECT_EQ(this->error_of([&] { kix::ProcessRealFFT(nullptr, live, spectrum.data()); }), bad);
     kix::PostprocessRealFFT(live);
 }
 

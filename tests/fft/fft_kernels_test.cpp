@@ -15,29 +15,16 @@
 #include "fft/plan_cache.hpp"
 #include "fft/transforms.hpp"
 #include "runtime/runtime.hpp"
+#include "tests/support/padded_image.hpp"
 
 namespace {
 
 using kix::Geometry;
 using kix::Strided;
 namespace fft = kix::fft;
+using kixtest::Img;
 template <class T>
 using C = std::complex<T>;
-
-// nx x ny x nz pixels with padded rows and planes (a subarea's layout) when `padded`.
-template <class V>
-struct Img {
-    Geometry g;
-    std::vector<V> store;
-    Img(std::int64_t nx, std::int64_t ny, std::int64_t nz, bool padded) {
-        const std::int64_t rs = nx + (padded ? 3 : 0), ps = rs * ny + (padded ? 2 : 0);
-        g = {nx, ny, nz, rs, ps};
-        store.assign(static_cast<std::size_t>(ps * nz + 4), V(0));
-    }
-    V& at(std::int64_t x, std::int64_t y, std::int64_t z) { return store[x + y * g.row_stride + z * g.plane_stride]; }
-    Strided<V> view() { return {store.data(), g}; }
-    Strided<const V> cview() { return {store.data(), g}; }
-};
 
 template <class T>
 void fill(Img<C<T>>& a, std::mt19937& rng) {

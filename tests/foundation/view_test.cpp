@@ -7,9 +7,8 @@
 #include <complex>
 #include <functional>
 
-#include "host/host.hpp"
 #include "plugin/handler.hpp"
-#include "sdk/plugin_sdk.hpp"
+#include "tests/support/module_on_host.hpp"
 #include "vorn/dm/image.hpp"
 
 namespace {
@@ -18,33 +17,10 @@ using kixhost::Host;
 using kixhost::ImagePtr;
 using vorn::dm::image;
 
-class View : public ::testing::Test {
+class View : public kixtest::ModuleOnHost {
 protected:
-    static void SetUpTestSuite() {
-        host_ = new Host();
-        Gatan::PlugIn::SetCallbacks(host_->callbacks());
-    }
-    static void TearDownTestSuite() {
-        delete host_;
-        host_ = nullptr;
-    }
-    // The module's handle on a host image (a reference of its own).
-    static Gatan::DM::Image handle(const ImagePtr& p) {
-        return Gatan::DM::Image(Gatan::PlugIn::Object::Borrow(reinterpret_cast<KixObject*>(
-            static_cast<kixhost::Object*>(p.get()))));
-    }
     static ImagePtr make(int type, std::vector<std::int64_t> dims) { return host_->new_image(type, dims, "v"); }
-    static std::string error_of(const std::function<void()>& f) {
-        try {
-            f();
-        } catch (const kix::Error& e) {
-            return e.what();
-        }
-        return "<no error>";
-    }
-    static Host* host_;
 };
-Host* View::host_ = nullptr;
 
 TEST_F(View, TheElementTypeMustBeTheImagesType) {
     ImagePtr real = make(kixhost::kFloat32, {4});

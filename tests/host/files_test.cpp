@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -81,44 +80,6 @@ TEST_F(Files, OpenImageErrorsNameTheFile) {
     } catch (const std::runtime_error& e) {
         EXPECT_NE(std::string(e.what()).find("truncated"), std::string::npos) << e.what();
     }
-}
-
-TEST_F(Files, HostDMFileCarriesCalibrationAndTags) {
-    const std::string sample = "/usr/lib/python3/dist-packages/hyperspy/tests/io/tiff_files/test_dm_image_um_unit.dm3";
-    if (!fs::exists(sample)) GTEST_SKIP() << "HyperSpy's test files are not installed";
-    const ImagePtr img = open(sample);
-    ASSERT_EQ(img->dims, (std::vector<std::int64_t>{68, 68}));
-    EXPECT_EQ(img->data_type, kInt32);
-    ASSERT_EQ(img->calibrations.size(), 2u);
-    EXPECT_EQ(img->calibrations[0].units, "\xC2\xB5m");
-    EXPECT_NEAR(img->calibrations[0].scale, 0.168675, 1e-6);
-    EXPECT_FLOAT_EQ(img->calibrations[0].origin, -828.0f);
-    ASSERT_TRUE(img->tags);
-    EXPECT_NE(img->tags->get("Acquisition"), nullptr);
-}
-
-TEST_F(Files, TiffSaveKeepsCalibrationAndRefusesComplex) {
-    const std::int64_t dims[] = {5, 4, 3};
-    ImagePtr img = detail::make_image(kFloat32, dims, "stack");
-    auto* f = reinterpret_cast<float*>(img->data());
-    for (int i = 0; i < 60; ++i) f[i] = float(i) * 0.5f - 7.0f;
-    img->calibrations[0] = {1.5f, 0.25f, "nm", true};
-    img->calibrations[1] = {0.0f, 0.125f, "nm", true};
-    img->calibrations[2] = {2.0f, 4.0f, "s", true};
-    const std::string path = (dir_ / "stack.tif").string();
-    files::save_image(*img, path);
-    const ImagePtr back = open(path);
-    ASSERT_EQ(back->dims, img->dims);
-    EXPECT_EQ(std::memcmp(back->data(), img->data(), 60 * sizeof(float)), 0);
-    for (std::size_t d = 0; d < 3; ++d) {
-        EXPECT_FLOAT_EQ(back->calibrations[d].scale, img->calibrations[d].scale) << d;
-        EXPECT_FLOAT_EQ(back->calibrations[d].origin, img->calibrations[d].origin) << d;
-        EXPECT_EQ(back->calibrations[d].units, img->calibrations[d].units) << d;
-    }
-    const ImagePtr c = detail::make_image(kComplex64, dims, "c");
-    EXPECT_THROW(files::save_image(*c, (dir_ / "c.tif").string()), files::FileError);
-    EXPECT_FALSE(fs::exists(dir_ / "c.tif"));
-    EXPECT_FALSE(fs::exists(dir_ / "c.tif.kix-partial"));
 }
 
 }  // namespace

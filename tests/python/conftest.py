@@ -37,3 +37,23 @@ def host():
 @pytest.fixture
 def rng():
     return np.random.default_rng(20240607)
+
+
+def ids(shape):
+    """A test id for a shape: 6x8."""
+    return "x".join(map(str, shape))
+
+
+def script_error(fn, *args):
+    """The message and context of the script error a call raises."""
+    with pytest.raises(kix.ScriptError) as e:
+        fn(*args)
+    return str(e.value), e.value.context
+
+
+@pytest.fixture(params=[True, False], ids=["simd", "generic"])
+def simd(request, host):
+    """Runs a test on the vectorised and on the generic rows."""
+    host.call("KIXSetUseSIMD", int(request.param))
+    yield request.param
+    host.call("KIXSetUseSIMD", 1)

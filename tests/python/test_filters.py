@@ -6,20 +6,12 @@ import numpy as np
 import pytest
 from scipy import ndimage
 
-import kix
-from conftest import in_order, random_array
+from conftest import ids, in_order, random_array, script_error
 
 REAL = [np.float32, np.float64]
 AVERAGED = REAL + [np.complex64, np.complex128]
 STORED = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
-ids = lambda s: "x".join(map(str, s))
 name = lambda t: np.dtype(t).name
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 def tol(dtype):
@@ -162,49 +154,6 @@ def test_moving_average2_moments(host, rng, dtype):
 
 
 # ------------------------------------------------------------ rank filters
-def median_naive(a, r, zero_pad):
-    """Per pixel: the values of the square inside the image (plus its zeros when padding), their median."""
-    ny, nx = a.shape
-    out = np.empty_like(a)
-    m = (2 * r + 1) ** 2
-    for y in range(ny):
-        for x in range(nx):
-            v = a[max(0, y - r):y + r + 1, max(0, x - r):x + r + 1].ravel()
-            if zero_pad:
-                v = np.concatenate([v, np.zeros(m - v.size, a.dtype)])
-            v = np.sort(v)
-            k = v.size // 2
-            out[y, x] = v[k] if v.size % 2 else (v[k] + v[k - 1]) * a.dtype.type(0.5)
-    return out
-
-
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
-
-
-@pytest.mark.parametrize("shape", [(1, 1), (1, 9), (9, 1), (2, 2), (6, 5), (13, 20), (24, 31)], ids=ids)
-@pytest.mark.parametrize("dtype", REAL, ids=name)
-def test_median_filter_against_naive(host, rng, simd, dtype, shape):
-    a = random_array(rng, shape, dtype)
-    for r in [0, 1, 2, 3, 4, 7, 30]:
-        for pad in (0, 1):
-            out = host.library_call("KIXMedianFilter", host.image(a), r, None, pad).numpy()
-            np.testing.assert_array_equal(out, median_naive(a, r, pad), err_msg=f"r={r} pad={pad}")
-        # The three-argument forms: no padding.
-        out = host.call("KIXMedianFilterDLL", host.image(a), r, None).numpy()
-        np.testing.assert_array_equal(out, median_naive(a, r, False))
-
-
-@pytest.mark.parametrize("r", [1, 2, 3, 5, 7, 8])
-def test_median_filter_zero_padding_matches_scipy(host, rng, simd, r):
-    a = rng.standard_normal((70, 93)).astype(np.float32)
-    out = host.library_call("KIXMedianFilter", host.image(a), r, None, 1).numpy()
-    np.testing.assert_array_equal(out, ndimage.median_filter(a, 2 * r + 1, mode="constant", cval=0))
-
-
 def test_median_filter_corner_and_in_place(host):
     a = np.array([[4, 1, 9], [2, 8, 3], [7, 5, 6]], np.float64) + 10
     # The corner sees 2 x 2 values (14, 11, 12, 18): the mean of the middle two.
@@ -213,7 +162,7 @@ def test_median_filter_corner_and_in_place(host):
     assert host.library_call("KIXMedianFilter", host.image(a), 1, None, 1).numpy()[0, 0] == 0
     img = host.image(a)
     host.call("KIXMedianFilterDLL", img, 1, img)
-    np.testing.assert_array_equal(img.numpy(), median_naive(a, 1, False))
+    np.testing.assert_array_equal(img.numpy(), host.call("KIXMedianFilterDLL", host.image(a), 1, None).numpy())
 
 
 @pytest.mark.parametrize("shape", [(1, 1), (1, 17), (17, 1), (6, 5), (40, 63), (130, 257)], ids=ids)
@@ -273,27 +222,15 @@ def test_gaussian_blur_against_naive(host, rng, dtype, shape):
             np.testing.assert_array_equal(out, a)
 
 
-@pytest.mark.parametrize("dtype", REAL, ids=name)
-def test_gaussian_blur_threaded_bands_and_in_place(host, rng, dtype):
-    # Large enough for the threaded forms: bands of rows out of place, whole passes in place.
-    a = random_array(rng, (301, 257), dtype)
-    for rad in (0.8, 3.0, 12.0):
-        want = gaussian_naive(a, rad, 3)
-        out = host.library_call("KIXGaussianBlur", host.image(a), rad, 3, None).numpy()
-        np.testing.assert_allclose(out, want, rtol=4 * tol(dtype), atol=4 * tol(dtype) * np.abs(a).max())
-        img = host.image(a)
-        host.library_call("KIXGaussianBlur", img, rad, 3, img)
-        np.testing.assert_array_equal(img.numpy(), out)
-
-
-@pytest.mark.parametrize("shape", [(517, 77), (70, 1003), (40, 9)], ids=ids)
+@pytest.mark.parametrize("shape", [(517, 77), (70, 1003), (301, 257), (40, 9)], ids=ids)
 @pytest.mark.parametrize("dtype", REAL, ids=name)
 def test_gaussian_blur_row_blocks_equal_single_rows(host, rng, simd, dtype, shape):
     # Out of place, interior rows go several at a time through the column
-    # pass; in place every row goes alone.  Same taps in the same order: the
-    # same numbers, at every instruction-set level.
+    # pass (in bands of rows on several threads); in place every row goes
+    # alone, whole passes threaded.  Same taps in the same order: the same
+    # numbers, at every instruction-set level.
     a = random_array(rng, shape, dtype)
-    for rad in (0.5, 2.0, 5.3):
+    for rad in (0.5, 0.8, 2.0, 5.3, 12.0):
         out = host.library_call("KIXGaussianBlur", host.image(a), rad, 3, None).numpy()
         np.testing.assert_allclose(out, gaussian_naive(a, rad, 3), rtol=4 * tol(dtype),
                                    atol=4 * tol(dtype) * np.abs(a).max())
@@ -315,10 +252,6 @@ def test_gaussian_blur_weights_in_place_and_constant(host):
     img = host.image(c)
     host.library_call("KIXGaussianBlur", img, 3.0, 3, img)  # in place
     np.testing.assert_allclose(img.numpy(), 2.5, rtol=1e-6)
-    b = np.random.default_rng(1).standard_normal((40, 50))
-    img = host.image(b)
-    host.library_call("KIXGaussianBlur", img, 2.0, 3, img)
-    np.testing.assert_array_equal(img.numpy(), host.library_call("KIXGaussianBlur", host.image(b), 2.0, 3, None).numpy())
 
 
 # ------------------------------------------------------ finite differences
@@ -501,7 +434,7 @@ def test_huge_radii_behave_like_the_image_size(host, rng):
     np.testing.assert_allclose(host.call("KIXMovingAverageDLL", host.image(a), big, None).numpy(), a.mean(),
                                rtol=1e-5)
     np.testing.assert_array_equal(host.library_call("KIXMedianFilter", host.image(a), big, None, 0).numpy(),
-                                  median_naive(a, 20, False))
+                                  np.median(a))  # every box holds the whole image
     np.testing.assert_array_equal(host.library_call("KIXMedianFilter", host.image(a), big, None, 1).numpy(), 0)
     np.testing.assert_array_equal(host.call("KIXMaximumFilterDLL", host.image(a), big, None).numpy(), a.max())
     np.testing.assert_allclose(host.library_call("KIXGaussianBlur", host.image(a), 1e300, big, None).numpy(),

@@ -8,10 +8,9 @@ import numpy as np
 import pytest
 from numpy.lib.stride_tricks import sliding_window_view
 
-import kix
+from conftest import ids, random_array
 
 REAL = [np.float32, np.float64]
-ids = lambda s: "x".join(map(str, s))
 
 
 def median_sorted(a, r, zero_pad):
@@ -34,13 +33,6 @@ def with_ties(rng, shape, dtype):
     return rng.choice(v, shape)
 
 
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
-
-
 # Rows narrower than a vector; a short interior (the whole row staged); wide
 # rows; tall planes whose rank slide runs in bands (24 rows, or 2r for larger
 # boxes).
@@ -59,6 +51,20 @@ def test_median_every_form_equals_sorted_boxes(host, rng, simd, dtype, shape, ra
         for pad in (0, 1):
             out = host.library_call("KIXMedianFilter", host.image(a), r, None, pad).numpy()
             np.testing.assert_array_equal(out, median_sorted(a, r, pad), err_msg=f"r={r} pad={pad}")
+
+
+# Degenerate planes (one pixel, one row, one column, 2 x 2), radius 0 and boxes
+# larger than the plane; the three-argument form never pads.
+@pytest.mark.parametrize("shape", [(1, 1), (1, 9), (9, 1), (2, 2), (6, 5), (13, 20), (24, 31)], ids=ids)
+@pytest.mark.parametrize("dtype", REAL, ids=lambda t: np.dtype(t).name)
+def test_median_small_planes_equal_sorted_boxes(host, rng, simd, dtype, shape):
+    a = random_array(rng, shape, dtype)
+    for r in [0, 1, 2, 3, 4, 7, 30]:
+        for pad in (0, 1):
+            out = host.library_call("KIXMedianFilter", host.image(a), r, None, pad).numpy()
+            np.testing.assert_array_equal(out, median_sorted(a, r, pad), err_msg=f"r={r} pad={pad}")
+        out = host.call("KIXMedianFilterDLL", host.image(a), r, None).numpy()
+        np.testing.assert_array_equal(out, median_sorted(a, r, False))
 
 
 @pytest.mark.parametrize("r", [1, 3, 6])

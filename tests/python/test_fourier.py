@@ -8,15 +8,13 @@ import numpy as np
 import pytest
 import scipy.ndimage
 
-import kix
-from conftest import random_array
+from conftest import ids, random_array, script_error
 
 C64, C128 = np.complex64, np.complex128
 COMPLEX = [C64, C128]
 REAL_OF = {C64: np.float32, C128: np.float64}
 SHAPES = [(1,), (2,), (7,), (8,), (5, 6), (6, 8), (7, 9), (3, 4, 5), (4, 6, 8), (64, 48)]
 EVEN = [(2,), (8,), (6, 8), (4, 6, 8), (64, 48)]
-ids = lambda s: "x".join(map(str, s))
 tname = lambda t: np.dtype(t).name
 
 
@@ -24,19 +22,6 @@ def close(got, want, dtype, scale=None):
     scale = np.abs(want).max() if scale is None else scale
     eps = np.finfo(np.dtype(dtype)).eps
     np.testing.assert_allclose(got, want, rtol=0, atol=50 * eps * max(scale, 1e-30) * np.log2(want.size + 2))
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
-
-
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
 
 
 # ------------------------------------------------------------ registration

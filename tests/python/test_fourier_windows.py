@@ -4,18 +4,11 @@ of the checks.  Shapes are numpy's: (D, H, W)."""
 import numpy as np
 import pytest
 
-import kix
-from conftest import random_array
+from conftest import random_array, script_error
 
 f32 = np.float32
 PI32 = f32(3.1415927)
 KINDS = ["Hanning", "Sine", "Vorbis"]
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 def factors(kind, n):

@@ -9,16 +9,10 @@ import numpy as np
 import pytest
 
 import kix
-from conftest import random_array
+from conftest import random_array, script_error
 
 f32, f64 = np.float32, np.float64
 WARP_TYPES = [np.float32, np.complex64, np.complex128]
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 # ---------------------------------------------------------- naive references
@@ -59,8 +53,6 @@ def ref_single(a, c, off, ax):
     return lerp(np.take(a, i0, axis=ax), np.take(a, i1, axis=ax), f, a.dtype)
 
 
-
-
 def ref_xy(a, cx, cy, off):
     x0, x1, fx = axis(math.ceil(a.shape[2] * cx), a.shape[2], cx, off)
     y0, y1, fy = axis(math.ceil(a.shape[1] * cy), a.shape[1], cy, off)
@@ -95,14 +87,6 @@ def affine_ref(src, c, fill):
             else:
                 out[y, x] = fill
     return out
-
-
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    """The vectorised and the generic rows: both must give the formula exactly."""
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
 
 
 def coefs(h, values):

@@ -10,16 +10,10 @@ import pytest
 import scipy.sparse
 import scipy.sparse.linalg
 
-import kix
+from conftest import script_error
 
 ALL_BC = ["".join(p) for p in itertools.product("DN", repeat=4)]
 DOMAIN = (0.5, 2.0, -1.0, 0.3)
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 def reference_system(domain, nx, ny, bc, q, f, bax, bbx, bay, bby):

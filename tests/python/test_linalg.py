@@ -11,6 +11,7 @@ import pytest
 import scipy.linalg
 
 import kix
+from conftest import script_error
 
 REAL = [np.float32, np.float64]
 EPS = {np.float32: np.finfo(np.float32).eps, np.float64: np.finfo(np.float64).eps}
@@ -18,12 +19,6 @@ SIZE = "Images of different size cannot appear in this function."
 REAL48 = "All data type should be Real 4 or Real 8."
 SAME = "All data type should be same."
 BAD_SIZE = "Invalid image size."
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 def naive_product(a, b):

@@ -2,15 +2,9 @@
 import numpy as np
 import pytest
 
-import kix
+from conftest import script_error
 
 REAL = [np.float32, np.float64]
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 def radial_reference(a, cx, cy, sx, sy):
@@ -71,13 +65,6 @@ def test_radial_survey_against_definition(host, rng, dtype, shape, c, s):
     np.testing.assert_allclose(r[2:4], want[2:4], rtol=rtol, atol=rtol * 10)
     np.testing.assert_allclose(r[4], want[4], rtol=10 * rtol, atol=10 * rtol * np.abs(a).max())
     assert res.name == "Radial Survey of "  # the source here has an empty name
-
-
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
 
 
 # Centres on and beside every edge, far outside, and odd and even sizes: the

@@ -9,7 +9,7 @@ import numpy as np
 import pytest
 
 import kix
-from conftest import in_order, random_array
+from conftest import ids, in_order, random_array, script_error
 
 REAL = [np.float32, np.float64]
 STORED = [np.int8, np.uint8, np.int16, np.uint16, np.int32, np.uint32, np.float32, np.float64]
@@ -17,20 +17,6 @@ CODES = {np.dtype(t): c for c, t in kix.DTYPES.items()}
 # Odd and even sizes, a single row and column, 3-D, and one large enough for the threaded forms
 # (the kernel tests sweep many more).
 SHAPES = [(1,), (2,), (7,), (129, 1), (1, 129), (31, 31), (3, 5, 7), (301, 1001)]
-ids = lambda s: "x".join(map(str, s))
-
-
-@pytest.fixture(params=[True, False], ids=["simd", "generic"])
-def simd(request, host):
-    host.call("KIXSetUseSIMD", int(request.param))
-    yield request.param
-    host.call("KIXSetUseSIMD", 1)
-
-
-def script_error(fn, *args):
-    with pytest.raises(kix.ScriptError) as e:
-        fn(*args)
-    return str(e.value), e.value.context
 
 
 def strided(host, a, name=""):

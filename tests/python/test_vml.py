@@ -8,6 +8,7 @@ import pytest
 import scipy.special as sp
 
 import kix
+from conftest import script_error
 
 UNARY = "kix::vml::vml_expr1DM"
 BINARY = "kix::vml::vml_expr2DM"
@@ -260,10 +261,7 @@ def test_complex_in_place_principal_sqrt(host):
 
 # -------------------------------------------------------------- messages
 def raises(h, message, context, *call):
-    with pytest.raises(kix.ScriptError) as e:
-        h.call(*call)
-    assert str(e.value) == message
-    assert e.value.context == context
+    assert script_error(h.call, *call) == (message, context)
 
 
 def test_every_message_of_the_family(host, rng):
@@ -272,8 +270,10 @@ def test_every_message_of_the_family(host, rng):
     c8 = host.image(np.ones((4, 4), np.complex64))
     i16 = host.image(np.ones((4, 4), np.int16))
     wide = host.image(np.ones((4, 5), np.float32))
-    # A real member with a complex destination, or a complex source.
+    before = r4.numpy().copy()
+    # A real member with a complex destination, or a complex source; the source stays as it was.
     raises(host, BIR, UNARY, "KIXSqr", r4, c8)
+    np.testing.assert_array_equal(r4.numpy(), before)
     raises(host, BIR, UNARY, "KIXSqr", c8, None)
     raises(host, BIR, UNARY, "KIXErf", c8, r4)
     raises(host, BIR, BINARY, "KIXDiv", c8, r4, None)
@@ -313,14 +313,6 @@ def test_views_must_be_contiguous_and_apart(host):
     np.testing.assert_array_equal(line.numpy()[50:], np.arange(50.0) ** 2)
     host.call("KIXSqrt", c, c)
     np.testing.assert_array_equal(line.numpy()[50:], np.arange(50.0))
-
-
-def test_failed_checks_leave_the_source_alone(host):
-    x = np.arange(16, dtype=np.float32).reshape(4, 4)
-    src = host.image(x)
-    with pytest.raises(kix.ScriptError):
-        host.call("KIXSqr", src, host.image(np.zeros((4, 4), np.complex64)))
-    np.testing.assert_array_equal(src.numpy(), x)
 
 
 # ---------------------------------------------------------- trace counters

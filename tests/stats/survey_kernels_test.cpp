@@ -15,30 +15,13 @@
 #include "runtime/runtime.hpp"
 #include "stats/kernels.hpp"
 #include "stats/simd.hpp"
+#include "tests/support/padded_image.hpp"
 
 namespace {
 
 using kix::Geometry;
 
-// An image of nx by ny by nz pixels stored with padded rows and planes when
-// `padded` (a subarea of a larger image), else densely.
-template <class T>
-struct Img {
-    Geometry g;
-    std::vector<T> store;
-    Img(std::int64_t nx, std::int64_t ny, std::int64_t nz, bool padded) {
-        const std::int64_t rs = nx + (padded ? 3 : 0);
-        const std::int64_t ps = rs * ny + (padded ? 5 : 0);
-        g = {nx, ny, nz, rs, ps};
-        store.assign(static_cast<std::size_t>(ps * nz + 8), T(0));
-    }
-    T& at(std::int64_t x, std::int64_t y, std::int64_t z) { return store[x + y * g.row_stride + z * g.plane_stride]; }
-    T& at(std::int64_t p) {
-        const auto q = kix::position_of(p, g);
-        return at(q.x, q.y, q.z);
-    }
-    const T* data() const { return store.data(); }
-};
+using kixtest::Img;
 
 template <class T>
 T random_value(std::mt19937_64& rng) {

@@ -1,7 +1,8 @@
 // Accuracy of every element-wise kernel over its whole domain, against long
 // double references, on every instruction set the processor runs: real
 // members within 2 ulp, complex ones within 4 ulp of |result|, ErfInv within
-// 4 ulp up to the last value below 1.
+// 4 ulp up to the last value below 1.  Exp, Ln, Log10, Sin and Cos are swept
+// far more densely, within one ulp, in test_vml_sweep.cpp.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -90,14 +91,8 @@ const std::vector<RealCase>& real_cases() {
         {KIX_REAL(InvCbrt, 1 / std::cbrt(x)), {all}, {}},
         {KIX_REAL(Pow2o3, std::cbrt(x * x)), {all, lin(-4, 4)}, {0x1p60L, 0x1p-60L, 0x1p500L, 0x1p-500L}},
         {KIX_REAL(Pow3o2, x * std::sqrt(x)), {all}, {}},
-        {KIX_REAL(Exp, std::exp(x)), {lin(-110, 90).f(), lin(-750, 710).d(), sym(1e-30L, 1).f(), sym(1e-300L, 1).d()},
-         {88.72L, -87.3L, -103.97L, 709.78L, -708.4L, -745.1L}},
         {KIX_REAL(Expm1, std::expm1(x)), {lin(-110, 90).f(), lin(-750, 710).d(), unit}, {}},
-        {KIX_REAL(Ln, std::log(x)), {all, lin(0.5L, 2)}, {}},
-        {KIX_REAL(Log10, std::log10(x)), {all, lin(0.5L, 2)}, {}},
         {KIX_REAL(Log1p, std::log1p(x)), {all, lin(-1, 1)}, {-1 + 0x1p-20L, -1 + 0x1p-40L}},
-        {KIX_REAL(Cos, std::cos(x)), {sym(0, 1e6L).f(), sym(0, 1e15L).d(), ten}, {kPi / 2, kPi, 3 * kPi / 2, 1e4L * kPi}},
-        {KIX_REAL(Sin, std::sin(x)), {sym(0, 1e6L).f(), sym(0, 1e15L).d(), ten}, {kPi, 2 * kPi, -kPi, 1e4L * kPi}},
         {KIX_REAL(Tan, std::tan(x)), {sym(0, 1e6L).f(), sym(0, 1e15L).d(), ten}, {kPi / 2, -kPi / 2, 3 * kPi / 2, kPi}},
         {KIX_REAL(Cosh, std::cosh(x)), {lin(-95, 95).f(), lin(-715, 715).d(), unit}, {}},
         {KIX_REAL(Sinh, std::sinh(x)), {lin(-95, 95).f(), lin(-715, 715).d(), unit}, {}},

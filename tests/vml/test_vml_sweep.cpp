@@ -167,6 +167,18 @@ TEST_P(Sweep, DoubleSamplesWithinOneUlp) {
 INSTANTIATE_TEST_SUITE_P(Members, Sweep, ::testing::Range<std::size_t>(0, std::size(kMembers)),
                          [](const auto& info) { return std::string(kMembers[info.param].name); });
 
+// Float Sin and Cos over the given arguments on every instruction set.
+void sweep_sin_cos(const std::vector<float>& x) {
+    for (const Member& m : kMembers) {
+        if (std::string(m.name) != "Sin" && std::string(m.name) != "Cos") continue;
+        std::vector<LD> ref(x.size());
+        for (std::size_t i = 0; i < x.size(); ++i) ref[i] = m.ref(x[i]);
+        std::vector<Worst> worst(kix::kIsaAVX512 + 1);
+        for_each_isa([&] { measure(m.f, x, ref, worst[std::size_t(kix::isa_level())]); });
+        report<float>(m, worst);
+    }
+}
+
 // Float Sin and Cos next to the multiples of pi/2 (the nearest float to
 // k pi/2 and 8 neighbours on either side), through 2^16 where the float
 // reduction hands over to the wide one, and beyond.
@@ -178,14 +190,7 @@ TEST(Sweep, FloatNearMultiplesOfHalfPiWithinOneUlp) {
         for (int i = 0; i < 17; ++i, v = std::nextafter(v, INFINITY)) x.push_back(v), x.push_back(-v);
     }
     for (float v : {65535.0f, 65536.0f, 65537.0f, 0x1p-12f, 0x1p-13f}) x.push_back(v), x.push_back(-v);
-    for (const Member& m : kMembers) {
-        if (std::string(m.name) != "Sin" && std::string(m.name) != "Cos") continue;
-        std::vector<LD> ref(x.size());
-        for (std::size_t i = 0; i < x.size(); ++i) ref[i] = m.ref(x[i]);
-        std::vector<Worst> worst(kix::kIsaAVX512 + 1);
-        for_each_isa([&] { measure(m.f, x, ref, worst[std::size_t(kix::isa_level())]); });
-        report<float>(m, worst);
-    }
+    sweep_sin_cos(x);
 }
 
 // Float Sin and Cos at every float within 0.02 of an odd multiple of pi/4
@@ -203,14 +208,7 @@ TEST(Sweep, FloatEveryValueNearTheEndsOfTheReducedRangeWithinOneUlp) {
             x.push_back(v), x.push_back(-v);
     }
     ASSERT_GT(x.size(), std::size_t(1000000));
-    for (const Member& m : kMembers) {
-        if (std::string(m.name) != "Sin" && std::string(m.name) != "Cos") continue;
-        std::vector<LD> ref(x.size());
-        for (std::size_t i = 0; i < x.size(); ++i) ref[i] = m.ref(x[i]);
-        std::vector<Worst> worst(kix::kIsaAVX512 + 1);
-        for_each_isa([&] { measure(m.f, x, ref, worst[std::size_t(kix::isa_level())]); });
-        report<float>(m, worst);
-    }
+    sweep_sin_cos(x);
 }
 
 // Pow over random pairs (positive bases of every magnitude, exponents that
