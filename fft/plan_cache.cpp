@@ -521,7 +521,11 @@ void padded_c2c(const Problem& p, int sign, std::complex<T>* in, std::complex<T>
     for (int i = 0; i < p.loops; ++i) all[k++] = p.loop[i];
     int order[6];
     for (int i = 0; i < k; ++i) order[i] = i;
-    std::sort(order, order + k, [&](int a, int b) { return std::abs(all[a].os) > std::abs(all[b].os); });
+    // At most six axes: an insertion sort (std::sort's small-range path
+    // trips GCC's array-bounds analysis on a six-element array).
+    for (int i = 1; i < k; ++i)
+        for (int j = i; j > 0 && std::abs(all[order[j - 1]].os) < std::abs(all[order[j]].os); --j)
+            std::swap(order[j - 1], order[j]);
     std::int64_t ps[6], step = 1;
     for (int j = k - 1; j >= 0; --j) {
         ps[order[j]] = step;
