@@ -164,7 +164,9 @@ inline VD sin_or_cos(VD x, int shift, bool& fallback) {
     const VD ax = abs(x);
     const VD t = vfma(x, c(0x1.45f306dc9c883p-1), c(kShift));
     const VD q = t - kShift;
-    const VI n = (VI)t - (VI)c(kShift) + shift;
+    // In unsigned lanes: beyond 2^20 (a vector SLEEF then takes) the bit
+    // patterns' difference would overflow a signed lane.
+    const VI n = (VI)((VU)t - (VU)c(kShift) + (VU)(VI{} + shift));
     const VD a = vfma(q, c(-0x1.921fb54442d18p+0), x);
     const VD b = vfma(q, c(-0x1.1a62633145c07p-54), a);
     VD y = vfma(q, c(-0x1.1a62633145c07p-54), a - b);
