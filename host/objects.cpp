@@ -3,6 +3,8 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <cmath>
 #include <complex>
 #include <cstdlib>
@@ -177,7 +179,14 @@ void system_free(std::byte* block, std::size_t capacity) {
 
 }  // namespace
 
+namespace {
+std::atomic<std::size_t> gBlockLimit{SIZE_MAX};
+}  // namespace
+
+void set_pixel_block_limit(std::size_t bytes) { gBlockLimit.store(bytes, std::memory_order_relaxed); }
+
 std::shared_ptr<PixelBuffer> PixelBuffer::allocate(std::size_t bytes, bool zero) {
+    if (bytes > gBlockLimit.load(std::memory_order_relaxed)) throw std::bad_alloc();
     const std::size_t capacity = round_up(std::max<std::size_t>(bytes, 1), bytes >= kHugeBlock ? kHugeBlock : 64);
     std::byte* block = nullptr;
     {

@@ -42,6 +42,10 @@ struct PixelPoolStats {
 PixelPoolStats pixel_pool_stats();
 // Returns every cached block to the system.
 void pixel_pool_trim();
+// The largest pixel block the host hands out (no limit unless set): a larger
+// request fails as the allocation of a machine with that much memory would,
+// with std::bad_alloc.  Lets a test play a host with little memory.
+void set_pixel_block_limit(std::size_t bytes);
 
 // Free-list limits: blocks kept per size, and bytes kept in all.
 inline constexpr std::size_t kPoolBlocksPerSize = 4;
