@@ -51,6 +51,22 @@ class Case:
     note: str = ""
 
 
+def peer_summary(results, peers):
+    """One line per case: kix's time, how much faster than each of `peers`
+    that ran, and the ratio to the copy bound where there is one."""
+    lines = []
+    for r in results:
+        t = r.times
+        k = t["kix"]
+        parts = [f"{r.case.name}: {k * 1e3:.2f} ms"]
+        for peer in peers:
+            if peer in t:
+                parts.append(f"{t[peer] / k:.1f}x faster than {peer}")
+        if "copy bound" in t:
+            parts.append(f"{k / t['copy bound']:.1f}x the copy bound")
+        lines.append(", ".join(parts))
+    return "\n   ".join(lines)
+
 def as_array(out):
     """Output of a contender as something np.allclose compares."""
     if hasattr(out, "numpy"):
@@ -488,6 +504,8 @@ def main(argv=None):
             summary = getattr(module, "summary", None)
             if summary:
                 print("   " + summary(results))
+            elif hasattr(module, "SUMMARY_PEERS"):
+                print("   " + peer_summary(results, module.SUMMARY_PEERS))
             blocks[name] = section_block(name, module, results, ctx, about_run, seconds)
     finally:
         pool.shutdown()

@@ -47,14 +47,5 @@ def cases(ctx):
     return out
 
 
-def summary(results):
-    lines = []
-    for r in results:
-        t = r.times
-        k = t["kix"]
-        parts = [f"{r.case.name}: {k * 1e3:.2f} ms"]
-        for peer in ("OpenCV", "scipy"):
-            if peer in t:
-                parts.append(f"{t[peer] / k:.1f}x faster than {peer}")
-        lines.append(", ".join(parts))
-    return "\n   ".join(lines)
+# compare.py prints kix against these peers under the table.
+SUMMARY_PEERS = ("OpenCV", "scipy")
